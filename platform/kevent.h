@@ -1,0 +1,81 @@
+/// The kernel event queue as the engine sees it: kqueue(2) and kevent(2), 64-bit form.
+///
+/// On systems that have these calls a port includes <sys/event.h> here. On Linux they are implemented over
+/// epoll by the static library rvkevent (platform/linux/). The header compiles as C and as C++; the functions
+/// have C linkage and need no C++ runtime of the caller.
+#ifndef RV_PLATFORM_KEVENT_H
+#define RV_PLATFORM_KEVENT_H
+
+#include <stdint.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Filters. */
+#define EVFILT_READ (-1)
+#define EVFILT_WRITE (-2)
+#define EVFILT_TIMER (-7)
+
+/* Actions and flags of a change. */
+#define EV_ADD 0x0001
+#define EV_DELETE 0x0002
+#define EV_ENABLE 0x0004
+#define EV_DISABLE 0x0008
+#define EV_ONESHOT 0x0010
+#define EV_CLEAR 0x0020
+#define EV_RECEIPT 0x0040
+#define EV_DISPATCH 0x0080
+
+/* Returned flags. */
+#define EV_ERROR 0x4000
+#define EV_EOF 0x8000
+
+/* fflags of EVFILT_TIMER; without a unit, data is in milliseconds. */
+#define NOTE_SECONDS 0x00000001
+#define NOTE_USECONDS 0x00000002
+#define NOTE_NSECONDS 0x00000004
+#define NOTE_ABSOLUTE 0x00000008
+#define NOTE_BACKGROUND 0x00000040
+
+/// A change handed to kevent() and an event it returns: 32 bytes.
+struct kevent {
+    uint64_t ident;  ///< descriptor number, or the timer's own number
+    int16_t filter;  ///< EVFILT_*
+    uint16_t flags;  ///< EV_*
+    uint32_t fflags; ///< NOTE_*
+    int64_t data;    ///< in: the timer's period; out: bytes, expirations or an errno
+    void* udata;     ///< returned as it was registered; never looked at
+};
+
+#define EV_SET(kevp, a, b, c, d, e, f)           \
+    do {                                         \
+        struct kevent* rv_kevp_ = (kevp);        \
+        rv_kevp_->ident = (uint64_t)(a);         \
+        rv_kevp_->filter = (int16_t)(b);         \
+        rv_kevp_->flags = (uint16_t)(c);         \
+        rv_kevp_->fflags = (uint32_t)(d);        \
+        rv_kevp_->data = (int64_t)(e);           \
+        rv_kevp_->udata = (void*)(f);            \
+    } while (0)
+
+/// Makes a new kernel event queue. Returns its descriptor (close-on-exec; closed with close(2)), or -1 with
+/// errno. Any thread may call it.
+int kqueue(void);
+
+/// Applies `nchanges` changes in order, then waits for events and stores at most `nevents` of them.
+///
+/// timeout  nullptr: no limit; {0, 0}: poll
+/// Returns the number of records stored (0 on time-out), or -1 with errno: EBADF (not a kqueue), EINVAL (bad
+/// time-out, negative count), EINTR (a signal came while waiting; the changes are applied), ENOMEM.
+/// A change that fails is stored as a record with EV_ERROR added to its flags and the errno in data; the call
+/// then returns these records without waiting. Any thread may call it.
+int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent* eventlist, int nevents,
+           const struct timespec* timeout);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
