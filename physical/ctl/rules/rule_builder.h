@@ -1,0 +1,50 @@
+/// Builds one rule record from the tokens of one line.
+#ifndef RV_RULES_RULE_BUILDER_H
+#define RV_RULES_RULE_BUILDER_H
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+#include "ipc/json.h"
+#include "ipc/json_arena.h"
+#include "rules/rule_record.h"
+
+/// Takes tokens one by one. Until record() everything is a view, so that a record is made at once in its final
+/// size and a refused line costs no memory. Used by one thread.
+class RuleBuilder {
+  public:
+    /// Takes the next token; it must stay valid until record(). False when the line is refused.
+    bool take(std::string_view token) noexcept;
+
+    /// True when the tokens taken so far are a rule: there is an action.
+    bool complete() const noexcept { return has(RuleField::kAction); }
+
+    /// The record, once it is complete. Its values live in `storage`. Throws std::bad_alloc.
+    JsonObject record(const JsonStorage& storage) const;
+
+  private:
+    bool has(RuleField field) const noexcept { return (present_ & bit(field)) != 0; }
+    void setText(RuleField field, std::string_view text) noexcept;
+    void setNumber(RuleField field, std::uint16_t number) noexcept;
+    bool takeKeyword(const RuleKeyword& keyword, std::string_view token) noexcept;
+    bool takeFlag(const RuleKeyword& keyword) noexcept;
+    bool takeArgument(std::string_view token) noexcept;
+    bool takeMatch(std::string_view token) noexcept;
+    bool takeText(std::string_view token) noexcept;
+    bool takeTriple(std::string_view token) noexcept;
+    JsonValue value(RuleField field, const JsonStorage& storage) const;
+
+    static constexpr std::uint32_t bit(RuleField field) noexcept {
+        return std::uint32_t{1} << static_cast<unsigned>(field);
+    }
+
+    std::uint32_t present_ = 0;                             ///< one bit per field
+    const RuleKeyword* pending_ = nullptr;                  ///< the keyword that waits for its argument
+    std::string_view match_;                                ///< the match word, once `name` waits for the name
+    bool negated_ = false;
+    std::array<std::string_view, kRuleFieldCount> texts_;   ///< of string fields and of `host`
+    std::array<std::uint16_t, kRuleFieldCount> numbers_;    ///< of number and boolean fields; set where present
+};
+
+#endif
