@@ -1,0 +1,21 @@
+#include "reports/path_component.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(LastPathComponent, Table) {
+    const struct {
+        const char* path;
+        const char* last;
+    } rows[] = {
+        {"", ""},      {"/", "/"},     {"//", "/"},     {"a", "a"},    {"/a", "a"},         {"a/", "a"},
+        {"/a/b", "b"}, {"/a/b/", "b"}, {"/a/b//", "b"}, {"a//b", "b"}, {"/a.b/c d", "c d"}, {"..", ".."},
+        {"/.", "."},
+    };
+    for (const auto& [path, last] : rows) {
+        EXPECT_EQ(lastPathComponent(path), last) << path;
+    }
+}
+
+}  // namespace
