@@ -71,8 +71,16 @@ int kqueue(void);
 /// time-out, negative count), EINTR (a signal came while waiting; the changes are applied), ENOMEM.
 /// A change that fails is stored as a record with EV_ERROR added to its flags and the errno in data; the call
 /// then returns these records without waiting. Any thread may call it.
+#if defined(__GNUC__) && !defined(__clang__)
+/* The structure and the function share a name, as they always have. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
+#endif
 int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent* eventlist, int nevents,
            const struct timespec* timeout);
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,90 @@
+#include "libio-macOS/ByteBuffer.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t kLeastCapacity = 512;
+
+// Storage is given back when less than one part in this many is in use.
+constexpr std::size_t kSparseFactor = 8;
+
+}  // namespace
+
+ByteBuffer::~ByteBuffer() {
+    std::free(storage);
+}
+
+char* ByteBuffer::prepare(std::size_t count) noexcept {
+    if (count > SIZE_MAX / 2 - length) return nullptr;
+    const std::size_t needed = length + count;
+    if (front + needed > capacity) {
+        // Moving at most as many bytes as were consumed since the last move keeps the cost per byte constant.
+        if (needed <= capacity && front >= length) {
+            moveToFront();
+        } else if (!resizeStorage(std::max({needed, 2 * capacity, kLeastCapacity})) && needed > capacity &&
+                   !resizeStorage(needed)) {
+            return nullptr;
+        }
+    }
+    return data() + length;
+}
+
+bool ByteBuffer::append(const void* bytes, std::size_t count) noexcept {
+    if (count == 0) return true;
+    char* const end = prepare(count);
+    if (end == nullptr) return false;
+    std::memcpy(end, bytes, count);
+    commit(count);
+    return true;
+}
+
+void ByteBuffer::drop(std::size_t count) noexcept {
+    count = std::min(count, length);
+    front += count;
+    length -= count;
+    if (length == 0) front = 0;
+    if (capacity > kKeptBytes && length < capacity / kSparseFactor) giveBack();
+}
+
+void ByteBuffer::clear() noexcept {
+    front = 0;
+    length = 0;
+}
+
+void ByteBuffer::swap(ByteBuffer& other) noexcept {
+    std::swap(storage, other.storage);
+    std::swap(front, other.front);
+    std::swap(length, other.length);
+    std::swap(capacity, other.capacity);
+}
+
+// On failure everything is as before, except that the bytes may have moved to the front of the storage.
+bool ByteBuffer::resizeStorage(std::size_t newCapacity) noexcept {
+    moveToFront();
+    char* const resized = static_cast<char*>(std::realloc(storage, newCapacity));
+    if (resized == nullptr) return false;
+    storage = resized;
+    capacity = newCapacity;
+    return true;
+}
+
+void ByteBuffer::moveToFront() noexcept {
+    if (front == 0) return;
+    std::memmove(storage, storage + front, length);
+    front = 0;
+}
+
+void ByteBuffer::giveBack() noexcept {
+    if (length == 0) {
+        std::free(storage);
+        storage = nullptr;
+        capacity = 0;
+    } else {
+        // A shrinking realloc that fails leaves the storage as it was, which is as good.
+        (void)resizeStorage(std::max(2 * length, kKeptBytes));
+    }
+}

@@ -1,0 +1,19 @@
+/// The change records that endpoints submit.
+#ifndef RV_LIBIO_FILTER_RECORD_H
+#define RV_LIBIO_FILTER_RECORD_H
+
+#include <cstdint>
+
+#include "libio-macOS/RvKQueueEventProtocol.h"
+#include "platform/kevent.h"
+
+inline constexpr std::uint16_t kArmFlags = EV_ADD | EV_ENABLE;
+inline constexpr std::uint16_t kDisarmFlags = EV_DELETE;
+
+/// Fills in a record for a descriptor's filter: fflags and data 0, udata the endpoint.
+inline void initFilterRecord(struct kevent* record, int descriptor, std::int16_t filter, std::uint16_t flags,
+                             RvKQueueEventProtocol* endpoint) noexcept {
+    *record = {static_cast<std::uint64_t>(descriptor), filter, flags, 0, 0, endpoint};
+}
+
+#endif

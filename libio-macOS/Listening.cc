@@ -1,0 +1,18 @@
+#include "libio-macOS/Listening.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+void offerConnection(const EventBlockSlot& slot, RvKQueueEventProtocol* object,
+                     const AcceptedConnection& accepted) noexcept {
+    const EventBlockSlot::Pointer block = slot.get();
+    const bool taken =
+        block && *block &&
+        (*block)(object, reinterpret_cast<const char*>(&accepted), sizeof accepted, nullptr, kEventData);
+    if (!taken) refuseConnection(accepted.descriptor);
+}
+
+void refuseConnection(std::int32_t descriptor) noexcept {
+    (void)shutdown(descriptor, SHUT_RDWR);  // fails when the peer is gone already
+    (void)close(descriptor);                // nothing is left to undo
+}

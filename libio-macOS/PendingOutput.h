@@ -1,0 +1,43 @@
+/// Output that any thread queues and the I/O thread writes.
+#ifndef RV_LIBIO_PENDING_OUTPUT_H
+#define RV_LIBIO_PENDING_OUTPUT_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "libio-macOS/ByteBuffer.h"
+#include "platform/lock.h"
+
+/// The send queue of an endpoint with the lock that guards it. No other lock is taken while it is held.
+class PendingOutput {
+  public:
+    /// What one flush did.
+    struct Flushed {
+        std::size_t tried;      ///< bytes handed to write(2)
+        ssize_t written;        ///< what it returned; -1 also when queued bytes were lost for lack of memory
+        std::size_t remaining;  ///< bytes still queued
+    };
+
+    /// False when the lock could not be created.
+    bool isUsable() const noexcept { return txlock.isUsable(); }
+
+    /// Queues a copy. Without memory the bytes are lost and every later flush reports a write error: the
+    /// stream has a hole and must not go on. Any thread.
+    void append(const void* bytes, std::uint64_t size) noexcept;
+
+    /// Writes queued bytes to the descriptor: one write(2) of at most `room` bytes, and none if there is
+    /// nothing to write unless `evenIfEmpty`, in which case a write of 0 bytes is made. What was written
+    /// leaves the queue. The I/O thread.
+    ///
+    /// room  bytes that the kernel has reported to take without blocking; less than 0 counts as 0
+    Flushed flush(int fd, std::int64_t room, bool evenIfEmpty) noexcept;
+
+  private:
+    RecursiveLock txlock;
+    ByteBuffer tx RV_GUARDED_BY(txlock);
+    bool lostBytes RV_GUARDED_BY(txlock) = false;
+};
+
+#endif

@@ -1,0 +1,376 @@
+#include "libio-macOS/RvKQueue.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <exception>
+#include <thread>
+
+namespace {
+
+constexpr long kTurnTimeoutNs = 5'000'000;
+constexpr std::size_t kMaxEvents = 1000;
+constexpr std::size_t kInitialChangeBytes = 3200;
+constexpr std::size_t kInitialStopObjects = 100;
+constexpr std::size_t kInitialObjects = 16;
+constexpr std::size_t kAddressTextBytes = 100;
+constexpr std::chrono::seconds kStopPoll{1};
+
+std::uint64_t keyOf(const void* object) noexcept {
+    return reinterpret_cast<std::uintptr_t>(object);
+}
+
+// Where an address has its port and its bytes; empty for a family without them.
+struct InetParts {
+    std::uint16_t bigEndianPort = 0;
+    const void* bytes = nullptr;
+};
+
+InetParts inetParts(const struct sockaddr* address) noexcept {
+    if (address->sa_family == AF_INET) {
+        const auto* in4 = reinterpret_cast<const struct sockaddr_in*>(address);
+        return {in4->sin_port, &in4->sin_addr};
+    }
+    if (address->sa_family == AF_INET6) {
+        const auto* in6 = reinterpret_cast<const struct sockaddr_in6*>(address);
+        return {in6->sin6_port, &in6->sin6_addr};
+    }
+    return {};
+}
+
+}  // namespace
+
+std::shared_ptr<RvKQueue> RvKQueue::initWithSubsystem(const char* subsystem) noexcept try {
+    auto loop = std::make_shared<RvKQueue>(Key{}, subsystem);
+    if (const char* const failure = loop->prepare()) {
+        RV_LOG_ERROR(loop->logger, "%s", failure);
+        return nullptr;
+    }
+    RV_LOG_DEBUG(loop->logger, "kqueue is initialized");
+    return loop;
+} catch (const std::exception&) {
+    return nullptr;
+}
+
+RvKQueue::RvKQueue(Key, const char* subsystem) noexcept : logger(OsLog::create(subsystem, "kqueue")) {}
+
+RvKQueue::~RvKQueue() {
+    if (kq != -1) (void)close(kq);  // nothing is left to undo
+}
+
+// Acquires what can be refused, in this order. Returns the message of what was refused, or null.
+const char* RvKQueue::prepare() noexcept {
+    if (!timersLock.isUsable()) return "cannot initialize timer lock";
+    {
+        const LockGuard guard(timersLock);
+        if (!timerIdents.reserve()) return "cannot initialize timer id dict";
+        if (!reserveTimerObjects()) return "cannot initialize timer obj dict";
+    }
+    if (!lock.isUsable()) return "cannot initialize lock";
+    {
+        const LockGuard guard(lock);
+        if (changeList.prepare(kInitialChangeBytes) == nullptr) return "cannot initialize change list";
+        if (!reserveStopList()) return "cannot initialize stop list";
+        if (!reserveActiveList()) return "cannot initialize active list";
+    }
+    kq = kqueue();
+    if (kq == -1) return "cannot initialize kqueue";
+    ioThread = Thread::create(&ioThreadBody, this);
+    if (!ioThread) return "cannot initialize io thread";
+    return nullptr;
+}
+
+bool RvKQueue::reserveTimerObjects() noexcept try {
+    const LockGuard guard(timersLock);
+    timerObjects.reserve(kInitialObjects);
+    return true;
+} catch (const std::exception&) {
+    return false;
+}
+
+bool RvKQueue::reserveStopList() noexcept try {
+    const LockGuard guard(lock);
+    stopList.reserve(kInitialStopObjects);
+    return true;
+} catch (const std::exception&) {
+    return false;
+}
+
+bool RvKQueue::reserveActiveList() noexcept try {
+    const LockGuard guard(lock);
+    activeListChanged = false;
+    activeList.reserve(kInitialObjects);
+    return true;
+} catch (const std::exception&) {
+    return false;
+}
+
+void RvKQueue::start() noexcept {
+    runningSelf = shared_from_this();
+    ioThread->start();
+    RV_LOG_DEBUG(logger, "kqueue io thread is started");
+}
+
+void RvKQueue::stop() noexcept {
+    ioThread->cancel();
+    // Deliberate: the thread is looked at once a second and not joined, so that stopping a running loop takes
+    // its second. Owners rely on events that were under way having been delivered by then. Held by
+    // RvKQueueStop.TakesAboutASecond.
+    while (!ioThread->isFinished()) std::this_thread::sleep_for(kStopPoll);
+    while (stopRemaining()) {
+    }
+    if (kq != -1) (void)close(kq);  // nothing is left to undo
+    kq = -1;
+}
+
+// Stops what is registered or retiring. Returns whether there was anything: destructors of what the blocks
+// had captured may have added more. The objects themselves go away after the lock is released.
+bool RvKQueue::stopRemaining() noexcept {
+    Registry retired;
+    Registry active;
+    const LockGuard guard(lock);
+    retired = releaseStoppedUnlocked();
+    active.swap(activeList);
+    for (const auto& [key, endpoint] : active) endpoint->stop();
+    return !retired.empty() || !active.empty();
+}
+
+// Stops the endpoints of the stop list and returns them, so that the caller destroys them without the lock.
+//
+// The deletions that they submit go before the changes that were waiting: a descriptor that its owner has
+// already handed to a new endpoint must not lose that endpoint's filters. Additions that the stopped ones had
+// left waiting are dropped; their descriptor number may belong to another file by the time of the call.
+RvKQueue::Registry RvKQueue::releaseStoppedUnlocked() noexcept {
+    Registry stopped;
+    if (stopList.empty()) return stopped;
+    stopped.swap(stopList);
+    ByteBuffer waiting;
+    waiting.swap(changeList);
+    for (const auto& [key, endpoint] : stopped) {
+        removeTimer(endpoint.get());
+        endpoint->stop();
+    }
+    resubmit(waiting, stopped);
+    return stopped;
+}
+
+void RvKQueue::resubmit(const ByteBuffer& records, const Registry& stopped) noexcept {
+    const std::size_t count = records.size() / sizeof(struct kevent);
+    for (std::size_t i = 0; i < count; ++i) {
+        struct kevent change;
+        std::memcpy(&change, records.data() + i * sizeof change, sizeof change);
+        const bool isDelete = (change.flags & EV_DELETE) != 0;
+        if (isDelete || stopped.count(keyOf(change.udata)) == 0) (void)appendChange(change);
+    }
+}
+
+void RvKQueue::submitChange(const struct kevent& change) noexcept {
+    {
+        const LockGuard guard(lock);
+        const bool isDelete = (change.flags & EV_DELETE) != 0;
+        if (!isDelete && activeList.count(keyOf(change.udata)) == 0) return;
+        if (!appendChange(change)) return;
+    }
+    wakeIoThread();
+}
+
+bool RvKQueue::appendChange(const struct kevent& change) noexcept {
+    const bool appended = changeList.append(&change, sizeof change);
+    if (!appended) RV_LOG_ERROR(logger, "<%p>: cannot submit change", change.udata);
+    return appended;
+}
+
+void RvKQueue::wakeIoThread() noexcept {
+    if (sleeping.load(std::memory_order_relaxed) && sleeping.exchange(false, std::memory_order_relaxed)) {
+        wakeup.signal();
+    }
+}
+
+bool RvKQueue::write(RvKQueueEventProtocol* endpoint, const void* buffer, std::uint64_t size) noexcept {
+    endpoint->write(buffer, size);
+    return true;
+}
+
+void RvKQueue::startObject(RvKQueueEventProtocol* endpoint, EventBlock onEvent) noexcept {
+    endpoint->enableOnData(std::move(onEvent));
+}
+
+void RvKQueue::addActiveObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint) noexcept try {
+    const std::uint64_t key = keyOf(endpoint.get());
+    const LockGuard guard(lock);
+    activeList.insert_or_assign(key, endpoint);
+    noteActiveChange(key);
+} catch (const std::exception&) {
+    RV_LOG_ERROR(logger, "<%p>: cannot be added", static_cast<void*>(endpoint.get()));
+}
+
+void RvKQueue::stopObject(const RvKQueueEventProtocol* endpoint) noexcept {
+    const std::uint64_t key = keyOf(endpoint);
+    {
+        const LockGuard guard(lock);
+        auto node = activeList.extract(key);
+        if (node.empty()) return;
+        try {
+            stopList.insert(std::move(node));
+        } catch (const std::exception&) {
+            activeList.insert(std::move(node));  // has room: one has just left
+            RV_LOG_ERROR(logger, "<%p>: cannot stop object", static_cast<const void*>(endpoint));
+            return;
+        }
+        noteActiveChange(key);
+    }
+    wakeIoThread();
+}
+
+void RvKQueue::noteActiveChange(std::uint64_t key) noexcept {
+    activeListChanged = true;
+    if (allActiveChanged) return;
+    // Once there are more changes than endpoints a copy of everything is the cheaper refresh.
+    allActiveChanged = changedKeys.size() > 2 * activeList.size() + kInitialObjects;
+    try {
+        if (!allActiveChanged) changedKeys.push_back(key);
+    } catch (const std::exception&) {
+        allActiveChanged = true;
+    }
+    if (allActiveChanged) changedKeys.clear();
+}
+
+void RvKQueue::removeTimer(const RvKQueueEventProtocol* object) noexcept {
+    const LockGuard guard(timersLock);
+    const auto found = timerObjects.find(object);
+    if (found == timerObjects.end()) return;
+    timerIdents.erase(found->second.ident);
+    timerObjects.erase(found);
+}
+
+bool RvKQueue::isHereTimerIdent(std::int32_t number) noexcept {
+    const LockGuard guard(timersLock);
+    return timerIdents.contains(number);
+}
+
+void RvKQueue::logInet(const char* label, const struct sockaddr* address,
+                       const RvKQueueEventProtocol* object) noexcept {
+    if (!logger.isEnabled(LogLevel::kDebug)) return;
+    const InetParts parts = inetParts(address);
+    char text[kAddressTextBytes];
+    const bool isKnown =
+        parts.bytes != nullptr && inet_ntop(address->sa_family, parts.bytes, text, sizeof text) != nullptr;
+    RV_LOG_DEBUG(logger, "<%p>: %s (%s:%hu) created", static_cast<const void*>(object), label,
+                 isKnown ? text : "unknown", ntohs(parts.bigEndianPort));
+}
+
+void RvKQueue::ioThreadBody(void* loop) noexcept {
+    // The loop's own reference ends with this function; the loop may then go away on this thread.
+    const std::shared_ptr<RvKQueue> self = std::move(static_cast<RvKQueue*>(loop)->runningSelf);
+    self->ioThread->assertCurrent();
+    self->ioThreadRoutine();
+    self->snapshot.clear();
+}
+
+void RvKQueue::ioThreadRoutine() noexcept {
+    RV_LOG_DEBUG(logger, "io thread started");
+    char* const eventList = events.prepare(kMaxEvents * sizeof(struct kevent));
+    if (eventList == nullptr) {
+        RV_LOG_ERROR(logger, "cannot initialize event list");
+        return;
+    }
+    std::memset(eventList, 0, kMaxEvents * sizeof(struct kevent));
+    if (!takeFirstSnapshot()) {
+        RV_LOG_ERROR(logger, "cannot initialize active list");
+        return;
+    }
+    if (ioThread->isCancelled()) return;
+    registerWakeup();
+    while (turn() && !ioThread->isCancelled()) {
+    }
+}
+
+bool RvKQueue::takeFirstSnapshot() noexcept {
+    const LockGuard guard(lock);
+    allActiveChanged = true;
+    return refreshSnapshot();
+}
+
+// Makes the snapshot equal to the registry. Returns false without memory.
+bool RvKQueue::refreshSnapshot() noexcept try {
+    if (allActiveChanged) {
+        snapshot = activeList;
+    } else {
+        for (const std::uint64_t key : changedKeys) {
+            const auto found = activeList.find(key);
+            if (found == activeList.end()) {
+                snapshot.erase(key);
+            } else {
+                snapshot.insert_or_assign(key, found->second);
+            }
+        }
+    }
+    changedKeys.clear();
+    allActiveChanged = false;
+    activeListChanged = false;
+    return true;
+} catch (const std::exception&) {
+    return false;
+}
+
+// Has the queue end its wait when another thread signals. The record has no endpoint, so its events are
+// ignored.
+void RvKQueue::registerWakeup() noexcept {
+    if (!wakeup.isUsable()) return;  // requests then wait for the end of the turn
+    const struct kevent change = {static_cast<std::uint64_t>(wakeup.descriptor()),
+                                  EVFILT_READ,
+                                  EV_ADD | EV_ENABLE | EV_CLEAR,
+                                  0,
+                                  0,
+                                  nullptr};
+    struct kevent receipt;
+    const struct timespec noWait = {0, 0};
+    (void)::kevent(kq, &change, 1, &receipt, 1, &noWait);  // without it requests wait for the end of the turn
+}
+
+bool RvKQueue::turn() noexcept {
+    Registry retired;
+    {
+        const LockGuard guard(lock);
+        retired = releaseStoppedUnlocked();
+        if (activeListChanged && !refreshSnapshot()) {
+            RV_LOG_ERROR(logger, "copying active list error");
+            return false;
+        }
+        changes.drop(changes.size());
+        changes.swap(changeList);
+        sleeping.store(true, std::memory_order_relaxed);
+    }
+    retired.clear();
+    dispatch(waitForEvents());
+    return true;
+}
+
+int RvKQueue::waitForEvents() noexcept {
+    const std::size_t changeCount = changes.size() / sizeof(struct kevent);
+    // Changes that fail return a record each, and one without room for it would keep the rest of the list
+    // from being applied: thousands of fired one-shot timers retired at once are enough.
+    std::size_t room = std::max(kMaxEvents, changeCount);
+    if (events.prepare(room * sizeof(struct kevent)) == nullptr) room = kMaxEvents;
+    const struct timespec timeout = {0, kTurnTimeoutNs};
+    const int count =
+        ::kevent(kq, reinterpret_cast<const struct kevent*>(changes.data()), static_cast<int>(changeCount),
+                 reinterpret_cast<struct kevent*>(events.data()), static_cast<int>(room), &timeout);
+    sleeping.store(false, std::memory_order_relaxed);
+    return count;
+}
+
+// A count of 0 or -1 (time-out, interruption, error) has nothing to dispatch.
+void RvKQueue::dispatch(int count) noexcept {
+    const auto* const records = reinterpret_cast<const struct kevent*>(events.data());
+    for (int i = 0; i < count; ++i) {
+        // The receipt of a deletion that failed; true events never carry the flag.
+        if ((records[i].flags & EV_DELETE) != 0) continue;
+        const auto found = snapshot.find(keyOf(records[i].udata));
+        if (found != snapshot.end()) found->second->kevent(&records[i]);
+    }
+}
