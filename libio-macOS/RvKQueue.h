@@ -141,6 +141,8 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
 
     const char* prepare() noexcept;
     bool reserveTimerObjects() noexcept;
+    bool listTimer(const std::shared_ptr<RvKQueueTimer>& timer, std::int32_t ident) noexcept
+        RV_REQUIRES(timersLock);
     bool reserveStopList() noexcept;
     bool reserveActiveList() noexcept;
 
