@@ -4,7 +4,6 @@
 #include <boost/json/parser.hpp>
 #include <boost/system/error_code.hpp>
 #include <exception>
-#include <new>
 
 namespace {
 
@@ -17,12 +16,10 @@ constexpr std::size_t kParserScratchBytes = 4096;
 
 DecodeResult ReplyDecoder::decode(std::string_view body) noexcept {
     try {
+        // Without the larger block the arena starts with the small one and grows by itself.
         const std::size_t wanted = body.size() * kArenaBytesPerBodyByte;
-        if (wanted > sizeof small_) {
-            large_.reset(new (std::nothrow) unsigned char[wanted]);
-        }
-        if (large_) {
-            arena_.emplace(large_.get(), wanted);
+        if (wanted > sizeof small_ && large_.reserve(wanted)) {
+            arena_.emplace(large_.data(), large_.size());
         } else {
             arena_.emplace(static_cast<unsigned char*>(small_), sizeof small_);
         }

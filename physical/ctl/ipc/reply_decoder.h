@@ -4,11 +4,11 @@
 
 #include <boost/json/monotonic_resource.hpp>
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <string_view>
 
 #include "ipc/json.h"
+#include "platform/arena_memory.h"
 
 enum class DecodeResult {
     kObject,     ///< object() is the dictionary
@@ -36,7 +36,7 @@ class ReplyDecoder {
     static constexpr std::size_t kSmallArenaBytes = 8192;
 
     alignas(std::max_align_t) unsigned char small_[kSmallArenaBytes];
-    std::unique_ptr<unsigned char[]> large_;  ///< for bodies whose values do not fit in small_
+    ArenaMemory large_;  ///< for bodies whose values do not fit in small_
     std::optional<boost::json::monotonic_resource> arena_;
     std::optional<JsonValue> value_;  ///< lives in arena_, so it comes after it
 };
