@@ -1,4 +1,4 @@
-/// Builds one rule record from the tokens of one line.
+/// Builds the record of one rule from its tokens.
 #ifndef RV_RULES_RULE_BUILDER_H
 #define RV_RULES_RULE_BUILDER_H
 
@@ -10,8 +10,12 @@
 #include "ipc/json_arena.h"
 #include "rules/rule_record.h"
 
-/// Takes tokens one by one. Until record() everything is a view, so that a record is made at once in its final
-/// size and a refused line costs no memory. Used by one thread.
+/// The pieces of `argument` between commas and white space, empty ones left out, as an array of strings in
+/// `storage`. Throws std::bad_alloc.
+JsonArray makeHostArray(std::string_view argument, const JsonStorage& storage);
+
+/// Takes tokens one by one. Until record() everything is a view, so that a record is made at once in its
+/// final size and a refused line costs no memory. Used by one thread.
 class RuleBuilder {
   public:
     /// Takes the next token; it must stay valid until record(). False when the line is refused.
@@ -39,12 +43,12 @@ class RuleBuilder {
         return std::uint32_t{1} << static_cast<unsigned>(field);
     }
 
-    std::uint32_t present_ = 0;                             ///< one bit per field
-    const RuleKeyword* pending_ = nullptr;                  ///< the keyword that waits for its argument
-    std::string_view match_;                                ///< the match word, once `name` waits for the name
+    std::uint32_t present_ = 0;             ///< one bit per field
+    const RuleKeyword* pending_ = nullptr;  ///< the keyword that waits for its argument
+    std::string_view match_;                ///< the match word, once `name` waits for the name
     bool negated_ = false;
-    std::array<std::string_view, kRuleFieldCount> texts_;   ///< of string fields and of `host`
-    std::array<std::uint16_t, kRuleFieldCount> numbers_;    ///< of number and boolean fields; set where present
+    std::array<std::string_view, kRuleFieldCount> texts_;  ///< of string fields and of `host`
+    std::array<std::uint16_t, kRuleFieldCount> numbers_;  ///< of number and boolean fields; set where present
 };
 
 #endif

@@ -2,6 +2,8 @@
 
 #include <array>
 
+#include "rules/rule_record.h"
+
 namespace {
 
 /// Bytes at which a run of kept bytes may have to stop.
@@ -36,7 +38,6 @@ void RuleLines::skipComment() noexcept {
     }
 }
 
-
 // A line in one piece, the usual case, stays a view of the text; a second piece turns it into a copy.
 void RuleLines::append(std::string_view bytes) {
     if (bytes.empty()) {
@@ -58,12 +59,12 @@ void RuleLines::append(std::string_view bytes) {
     line_ = joined_;
 }
 
-// Keeps bytes up to the next one that ends the line, starts a comment or continues the line, or up to the last
-// byte of the text.
+// Keeps bytes up to the next one that ends the line, starts a comment or continues the line, or up to the
+// last byte of the text.
 //
-// Deliberate: a backslash does not protect the quote after it, here, so an escaped quote flips the flag as any
-// other does and a later "#" is text where it looks like a comment, or the other way round. Rule texts have
-// always been read in these two independent passes. Held by RuleLines.EscapedQuoteFlipsTheFlag.
+// Deliberate: a backslash does not protect the quote after it, here, so an escaped quote flips the flag as
+// any other does and a later "#" is text where it looks like a comment, or the other way round. Rule texts
+// have always been read in these two independent passes. Held by RuleLines.EscapedQuoteFlipsTheFlag.
 //
 // Deliberate: the flag is not reset where a line ends, so one odd quote turns the comments of all later lines
 // into text. Held by RuleLines.QuoteFlagOutlivesTheLine.
@@ -91,9 +92,9 @@ bool RuleLines::finish(std::string_view& line) {
     return !line.empty();
 }
 
-// Deliberate: the last byte of a text that does not end in a line feed is kept whatever it is, the last byte of
-// a comment or a blank after the last line included, so that most such texts are refused: a text without its
-// final line feed may have been cut off. Held by RuleLines.LastByteIsAlwaysKept.
+// Deliberate: the last byte of a text that does not end in a line feed is kept whatever it is, the last byte
+// of a comment or a blank after the last line included, so that most such texts are refused: a text without
+// its final line feed may have been cut off. Held by RuleLines.LastByteIsAlwaysKept.
 //
 // Deliberate: a text that ends in a backslash and a line feed promises a line that never comes, and the line
 // that was to be continued is not handed out. Held by RuleLines.LineContinuedIntoNothingIsDropped.

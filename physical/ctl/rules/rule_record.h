@@ -1,7 +1,7 @@
 /// The names a sharing rule is made of: the keys of its record and the keywords of its text form.
 ///
-/// A rule record is a JSON object; only `action` is always there. The fields below stand in the order in which
-/// the printer writes them. See docs/rule-language.md, "Records".
+/// A rule record is a JSON object; only `action` is always there. The fields below stand in the order in
+/// which the printer writes them. See docs/rule-language.md, "Records".
 #ifndef RV_RULES_RULE_RECORD_H
 #define RV_RULES_RULE_RECORD_H
 
@@ -37,17 +37,43 @@ enum class RuleField : unsigned {
 };
 inline constexpr std::size_t kRuleFieldCount = 24;
 
-/// The key of a field, spelled as it is on the wire.
-inline constexpr std::array<std::string_view, kRuleFieldCount> kRuleKeys = {
-    "action",     "quick",    "host",          "notHost",         "rdesk",    "name",
-    "nameMatch",  "notName",  "built-in",      "vid",             "pid",      "rev",
-    "notHWID",    "serial",   "notSerial",     "port",            "notPort",  "class",
-    "subclass",   "protocol", "notClass",      "override-name",   "override-serial",
-    "takeaway",
+/// What the parser stores in a field.
+enum class RuleValue { kString, kStrings, kNumber, kBoolean };
+
+struct RuleFieldForm {
+    std::string_view key;  ///< spelled as it is on the wire
+    RuleValue value;
 };
 
+inline constexpr std::array<RuleFieldForm, kRuleFieldCount> kRuleFields = {{
+    {"action", RuleValue::kString},
+    {"quick", RuleValue::kBoolean},
+    {"host", RuleValue::kStrings},
+    {"notHost", RuleValue::kBoolean},
+    {"rdesk", RuleValue::kBoolean},
+    {"name", RuleValue::kString},
+    {"nameMatch", RuleValue::kString},
+    {"notName", RuleValue::kBoolean},
+    {"built-in", RuleValue::kBoolean},
+    {"vid", RuleValue::kNumber},
+    {"pid", RuleValue::kNumber},
+    {"rev", RuleValue::kNumber},
+    {"notHWID", RuleValue::kBoolean},
+    {"serial", RuleValue::kString},
+    {"notSerial", RuleValue::kBoolean},
+    {"port", RuleValue::kString},
+    {"notPort", RuleValue::kBoolean},
+    {"class", RuleValue::kNumber},
+    {"subclass", RuleValue::kNumber},
+    {"protocol", RuleValue::kNumber},
+    {"notClass", RuleValue::kBoolean},
+    {"override-name", RuleValue::kString},
+    {"override-serial", RuleValue::kString},
+    {"takeaway", RuleValue::kBoolean},
+}};
+
 constexpr std::string_view ruleKey(RuleField field) noexcept {
-    return kRuleKeys[static_cast<std::size_t>(field)];
+    return kRuleFields[static_cast<std::size_t>(field)].key;
 }
 
 /// The member of a rule-list reply, and of a load request, that holds the records.

@@ -31,8 +31,8 @@ bool isAscii(std::string_view bytes) noexcept {
 RuleTokens::RuleTokens(std::string_view line, std::string& arena) noexcept
     : line_(line), arena_(arena), ascii_(isAscii(line)) {}
 
-// Adds bytes of the line to the buffer. The arena gets its full size at once: all tokens together are no longer
-// than their line, so it never moves under the tokens that point into it.
+// Adds bytes of the line to the buffer. The arena gets its full size at once: all tokens together are no
+// longer than their line, so it never moves under the tokens that point into it.
 void RuleTokens::append(std::size_t start, std::size_t size) {
     const std::string_view bytes = line_.substr(start, size);
     if (buffer_.empty()) {
@@ -87,7 +87,8 @@ void RuleTokens::readBuffer() {
         if (byte == '"') {
             quoted_ = !quoted_;
         } else if (byte == '\\') {
-            append(at_, std::min<std::size_t>(1, line_.size() - at_));  // the last byte of a line escapes nothing
+            append(at_,
+                   std::min<std::size_t>(1, line_.size() - at_));  // the last byte of a line escapes nothing
             at_ = std::min(at_ + 1, line_.size());
         } else {
             skipSpace();
@@ -98,8 +99,8 @@ void RuleTokens::readBuffer() {
     }
 }
 
-// Deliberate: a line may end inside quotes when its last byte is a quote, even one that opens or is escaped, or
-// when the token is empty. Held by RuleTokens.OpenQuoteAsLastByteIsAccepted.
+// Deliberate: a line may end inside quotes when its last byte is a quote, even one that opens or is escaped,
+// or when the token is empty. Held by RuleTokens.OpenQuoteAsLastByteIsAccepted.
 bool RuleTokens::leavesQuoteOpen() const noexcept {
     return quoted_ && line_.back() != '"';
 }
@@ -108,8 +109,8 @@ bool RuleTokens::isText(std::string_view token) const noexcept {
     return ascii_ || isUtf8(token);
 }
 
-// Deliberate: a leading "!" becomes a token of its own even when it was quoted or escaped, so no value can begin
-// with it. Held by RuleTokens.QuotedMarkIsSplitOff.
+// Deliberate: a leading "!" becomes a token of its own even when it was quoted or escaped, so no value can
+// begin with it. Held by RuleTokens.QuotedMarkIsSplitOff.
 RuleTokens::Step RuleTokens::next(std::string_view& token) {
     if (buffer_.empty()) {
         readBuffer();

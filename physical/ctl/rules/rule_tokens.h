@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-/// Walks over one line once. A token that stands in the line without gaps is handed out as a view of the line;
-/// the others are put together in the arena. Used by one thread.
+/// Walks over one line once. A token that stands in the line without gaps is handed out as a view of the
+/// line; the others are put together in the arena. Used by one thread.
 class RuleTokens {
   public:
     enum class Step {
@@ -17,7 +17,8 @@ class RuleTokens {
     };
 
     /// line   borrowed; must outlive this object and the tokens
-    /// arena  borrowed; overwritten; tokens point into it. Lines of one text may share it, one after the other.
+    /// arena  borrowed; overwritten; tokens point into it. Lines of one text may share it, one after the
+    /// other.
     RuleTokens(std::string_view line, std::string& arena) noexcept;
 
     /// Finds the next token.
@@ -35,11 +36,11 @@ class RuleTokens {
 
     std::string_view line_;
     std::string& arena_;
-    bool ascii_;             ///< the line has no byte above 0x7f, so all of it is UTF-8
+    bool ascii_;  ///< the line has no byte above 0x7f, so all of it is UTF-8
     bool arenaReady_ = false;
     bool quoted_ = false;
-    bool copied_ = false;    ///< buffer_ is a piece of arena_, not of line_
-    std::size_t at_ = 0;     ///< the first byte that has not been dealt with
+    bool copied_ = false;      ///< buffer_ is a piece of arena_, not of line_
+    std::size_t at_ = 0;       ///< the first byte that has not been dealt with
     std::string_view buffer_;  ///< the token that is being read, or what is left of it after its "!"
 };
 

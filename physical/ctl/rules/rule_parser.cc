@@ -1,0 +1,200 @@
+#include "rules/rule_parser.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+
+#include "ipc/json_arena.h"
+#include "rules/rule_builder.h"
+#include "rules/rule_lines.h"
+#include "rules/rule_tokens.h"
+
+namespace {
+
+constexpr std::size_t kFirstArenaBytes = 4096;
+constexpr std::size_t kShortestRuleBytes = 6;  // an action word and the end of its line
+
+/// No text has more rules than this: an array of that size never moves. What is reserved beyond the rules
+/// that there are is never touched.
+std::size_t mostRules(std::string_view text) noexcept {
+    const auto feeds = std::count(text.begin(), text.end(), '\n');
+    const auto nuls = std::count(text.begin(), text.end(), '\0');
+    return std::min(static_cast<std::size_t>(feeds + nuls) + 1, (text.size() + 1) / kShortestRuleBytes);
+}
+
+std::optional<JsonArray> createRules(std::string_view text) noexcept {
+    try {
+        JsonArray rules(makeJsonArena(kFirstArenaBytes));
+        rules.reserve(mostRules(text));
+        return rules;
+    } catch (...) {
+        return {};
+    }
+}
+
+enum class NextLine { kFound, kNone, kFailed };
+
+NextLine nextLine(RuleLines& lines, std::string_view& line) noexcept {
+    try {
+        return lines.next(line) ? NextLine::kFound : NextLine::kNone;
+    } catch (...) {
+        return NextLine::kFailed;
+    }
+}
+
+/// The rule of one line is added to `rules`; false when the line is refused. The line is read once: each
+/// token goes to the builder as soon as it is known.
+bool appendRule(std::string_view line, std::string& arena, JsonArray& rules) noexcept {
+    try {
+        RuleTokens tokens(line, arena);
+        RuleBuilder builder;
+        std::string_view token;
+        RuleTokens::Step step;
+        while ((step = tokens.next(token)) == RuleTokens::Step::kToken) {
+            if (!builder.take(token)) {
+                return false;
+            }
+        }
+        if (step == RuleTokens::Step::kBad || !builder.complete()) {
+            return false;
+        }
+        rules.emplace_back(builder.record(rules.storage()));
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+std::optional<JsonArray> refuse(const char* message) noexcept {
+    (void)std::fputs(message, stderr);  // there is nowhere left to complain
+    return {};
+}
+
+/// Deliberate: everything that strtoul(3) takes is taken: no digits at all in an empty part (0), a sign, a
+/// "0x", leading white space, and values that do not fit (ULONG_MAX). Rule files rely on it, `1234::` being
+/// the shortest way to write two zeros. Held by RuleTriple.WhatStrtoulTakesIsTaken.
+bool readHexadecimal(std::string_view part, unsigned long& value) {
+    const char* const last = part.data() + part.size();
+    const auto [end, error] = std::from_chars(part.data(), last, value, 16);
+    if (error == std::errc{} && end == last) {
+        return true;  // digits only, the usual case
+    }
+    const std::string terminated(part);
+    char* stop = nullptr;
+    value = std::strtoul(terminated.c_str(), &stop, 16);
+    return stop == terminated.c_str() + terminated.size();
+}
+
+std::size_t readTriple(std::string_view argument, RuleTriple& values) {
+    RuleTriple read{};
+    std::size_t count = 0;
+    for (std::size_t start = 0;;) {
+        const std::size_t colon = argument.find(':', start);
+        const std::string_view part = argument.substr(start, colon - start);
+        if (count == read.size() || !readHexadecimal(part, read[count])) {
+            return 0;
+        }
+        ++count;
+        if (colon == std::string_view::npos) {
+            break;
+        }
+        start = colon + 1;
+    }
+    std::copy_n(read.begin(), count, values.begin());
+    return count;
+}
+
+}  // namespace
+
+std::optional<RuleStrings> rule_parser_firstpass(std::string_view text) noexcept {
+    try {
+        RuleStrings result;
+        RuleLines lines(text);
+        for (std::string_view line; lines.next(line);) {
+            result.emplace_back(line);
+        }
+        return result;
+    } catch (...) {
+        return {};
+    }
+}
+
+std::optional<RuleStrings> rule_parser_line(std::string_view line) noexcept {
+    try {
+        RuleStrings result;
+        std::string arena;
+        RuleTokens tokens(line, arena);
+        for (std::string_view token;;) {
+            switch (tokens.next(token)) {
+                case RuleTokens::Step::kToken:
+                    result.emplace_back(token);
+                    break;
+                case RuleTokens::Step::kEnd:
+                    return result;
+                case RuleTokens::Step::kBad:
+                    return {};
+            }
+        }
+    } catch (...) {
+        return {};
+    }
+}
+
+std::optional<JsonObject> rule_parser_line2dictionary(std::span<const std::string> tokens) noexcept {
+    try {
+        RuleBuilder builder;
+        for (const std::string& token : tokens) {
+            if (!builder.take(token)) {
+                return {};
+            }
+        }
+        if (!builder.complete()) {
+            return {};
+        }
+        return builder.record({});
+    } catch (...) {
+        return {};
+    }
+}
+
+std::optional<JsonArray> rule_parse_host2array(std::string_view argument) noexcept {
+    try {
+        return makeHostArray(argument, {});
+    } catch (...) {
+        return {};
+    }
+}
+
+std::size_t rule_parser_triple2values(std::string_view argument, RuleTriple& values) noexcept {
+    try {
+        return readTriple(argument, values);
+    } catch (...) {
+        return 0;
+    }
+}
+
+std::optional<JsonArray> rule_parser_run(std::string_view text) noexcept {
+    std::optional<JsonArray> rules = createRules(text);
+    if (!rules) {
+        return refuse("Memory allocation error.\n");
+    }
+    RuleLines lines(text);
+    std::string arena;
+    std::string_view line;
+    for (unsigned long number = 1;; ++number) {
+        switch (nextLine(lines, line)) {
+            case NextLine::kFound:
+                break;
+            case NextLine::kNone:
+                return rules;
+            case NextLine::kFailed:
+                return refuse("Error parsing rule data.\n");
+        }
+        if (!appendRule(line, arena, *rules)) {
+            (void)std::fprintf(stderr, "Parsing error at rule #%lu\n", number);
+            return {};
+        }
+    }
+}
