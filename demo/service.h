@@ -1,0 +1,62 @@
+/// Serves clients on the control socket: accepts them, reads their requests, sends replies and events.
+#ifndef RV_DEMO_SERVICE_H
+#define RV_DEMO_SERVICE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "demo/happenings.h"
+#include "demo/requests.h"
+#include "demo/state.h"
+
+class RvKQueue;
+class RvKQueueEventProtocol;
+struct AcceptedConnection;
+
+namespace demo {
+
+/// Calling order: constructor, listen, letThingsHappen (if wanted), both before the loop is started; the loop
+/// is stopped before the service goes, because its endpoints' blocks use the service. Between the two, state
+/// and sessions belong to the loop's I/O thread, which is the only one to run the blocks.
+///
+/// This is where exceptions end: a client whose request there is no memory for loses its connection.
+class Service {
+  public:
+    /// The loop is shared; the state is taken over.
+    Service(std::shared_ptr<RvKQueue> loop, State initial) noexcept;
+    ~Service();
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    /// Listens at `path`. False when that is not possible; the engine has logged it.
+    bool listen(const std::string& path) noexcept;
+
+    /// Lets something happen every `seconds` seconds, 1 or more. False when there is no timer to be had.
+    bool letThingsHappen(std::uint32_t seconds) noexcept;
+
+  private:
+    struct Session {
+        std::shared_ptr<RvKQueueEventProtocol> endpoint;  ///< shared with the loop until it is closed
+        Client client{};
+    };
+
+    bool accept(const AcceptedConnection& connection) noexcept;
+    void handleEvent(RvKQueueEventProtocol* endpoint, std::string_view bytes, std::uint64_t* dropSize,
+                     std::int32_t event) noexcept;
+    bool serveFrames(Session& session, std::string_view bytes, std::uint64_t* dropSize);
+    bool serveFrame(Session& session, std::int32_t command, std::string_view body);
+    void broadcast();
+    void close(RvKQueueEventProtocol* endpoint) noexcept;
+
+    const std::shared_ptr<RvKQueue> kq;  ///< strong; the loop knows the service only through blocks
+    State state;
+    Happenings happenings;
+    std::unordered_map<RvKQueueEventProtocol*, Session> sessions;
+};
+
+}  // namespace demo
+
+#endif
