@@ -41,23 +41,23 @@ extern "C" {
 
 /// A change handed to kevent() and an event it returns: 32 bytes.
 struct kevent {
-    uint64_t ident;  ///< descriptor number, or the timer's own number
-    int16_t filter;  ///< EVFILT_*
-    uint16_t flags;  ///< EV_*
-    uint32_t fflags; ///< NOTE_*
-    int64_t data;    ///< in: the timer's period; out: bytes, expirations or an errno
-    void* udata;     ///< returned as it was registered; never looked at
+    uint64_t ident;   ///< descriptor number, or the timer's own number
+    int16_t filter;   ///< EVFILT_*
+    uint16_t flags;   ///< EV_*
+    uint32_t fflags;  ///< NOTE_*
+    int64_t data;     ///< in: the timer's period; out: bytes, expirations or an errno
+    void* udata;      ///< returned as it was registered; never looked at
 };
 
-#define EV_SET(kevp, a, b, c, d, e, f)           \
-    do {                                         \
-        struct kevent* rv_kevp_ = (kevp);        \
-        rv_kevp_->ident = (uint64_t)(a);         \
-        rv_kevp_->filter = (int16_t)(b);         \
-        rv_kevp_->flags = (uint16_t)(c);         \
-        rv_kevp_->fflags = (uint32_t)(d);        \
-        rv_kevp_->data = (int64_t)(e);           \
-        rv_kevp_->udata = (void*)(f);            \
+#define EV_SET(kevp, a, b, c, d, e, f)    \
+    do {                                  \
+        struct kevent* rv_kevp_ = (kevp); \
+        rv_kevp_->ident = (uint64_t)(a);  \
+        rv_kevp_->filter = (int16_t)(b);  \
+        rv_kevp_->flags = (uint16_t)(c);  \
+        rv_kevp_->fflags = (uint32_t)(d); \
+        rv_kevp_->data = (int64_t)(e);    \
+        rv_kevp_->udata = (void*)(f);     \
     } while (0)
 
 /// Makes a new kernel event queue. Returns its descriptor (close-on-exec; closed with close(2)), or -1 with

@@ -1,0 +1,354 @@
+/// The second half of kevent(): waiting, and turning what became ready into events.
+///
+/// Level-triggered entries are left to epoll, which moves each one it reports to the end of its list: a short
+/// event list rotates through all of them. What epoll does not know (timers, files it refuses, WRITE in user
+/// space) is collected beside it, each source being the first in its turn.
+#include "platform/linux/kevent_collect.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/epoll.h>
+
+#include "platform/linux/kevent_clock.h"
+#include "platform/linux/kevent_descriptors.h"
+#include "platform/linux/kevent_readiness.h"
+#include "platform/linux/kevent_wake.h"
+
+namespace rvkevent {
+
+namespace {
+
+/// Reports taken from epoll at once; more come with further calls.
+constexpr int kReports = 512;
+/// How long a thread sleeps at most while there are entries that nothing but a look can show to be ready.
+constexpr int64_t kPollIntervalNs = 10'000'000;
+/// A number that was checked before a wait of this length or more is checked again after it: another thread
+/// may have closed it meanwhile.
+constexpr int64_t kCheckHoldsNs = 20'000;
+/// The pause before another attempt to replace an epoll instance when no descriptor was to be had.
+constexpr int64_t kRebuildPauseNs = 1'000'000;
+constexpr uint32_t kSources = 3;
+
+constexpr unsigned kRead = 1;
+constexpr unsigned kWrite = 2;
+
+struct Collector {
+    Kqueue& queue;
+    struct kevent* list;
+    int room;
+    int count;
+    bool timersTaken;
+    bool stale;     // epoll reported an entry that a close(2) has ended
+    bool unread;    // epoll may have more to report
+    bool repeated;  // epoll has begun to report the same entries again
+    bool raced;     // another thread changed registrations during the wait
+
+    bool full() const { return count == room; }
+};
+
+void emit(Collector& c, const Entry& entry, Knote& knote, int16_t filter, const Readiness& readiness) {
+    struct kevent& event = c.list[c.count++];
+    event.ident = static_cast<uint64_t>(entry.fd);
+    event.filter = filter;
+    event.flags = static_cast<uint16_t>(knote.flags | (readiness.endOfFile ? EV_EOF : 0));
+    event.fflags = 0;  // the socket's error stays pending: to look at it would fetch it
+    event.data = readiness.data;
+    event.udata = knote.udata;
+    knote.reported = c.queue.call;
+    if ((knote.flags & EV_ONESHOT) != 0) {
+        knote = Knote{};
+    } else if ((knote.flags & EV_DISPATCH) != 0) {
+        knote.enabled = false;
+    }
+}
+
+Readiness readinessOf(Entry& entry, unsigned filter, uint32_t events) {
+    if (entry.alwaysReady) {
+        return filter == kRead ? readReadinessOfFile(entry) : writeReadinessOfFile(entry);
+    }
+    return filter == kRead ? readReadiness(entry, events) : writeReadiness(entry, events);
+}
+
+/// Returns false if there was no room to look at the filter.
+bool deliverFilter(Collector& c, Entry& entry, unsigned filter, uint32_t events) {
+    Knote& knote = filter == kRead ? entry.read : entry.write;
+    if (!knote.enabled || knote.reported == c.queue.call) return true;
+    if (c.full()) return false;
+    const Readiness readiness = readinessOf(entry, filter, events);
+    if (!readiness.active) return true;
+    if (filter == kRead && entry.checked == c.queue.call) entry.returned = c.queue.call;
+    emit(c, entry, knote, filter == kRead ? EVFILT_READ : EVFILT_WRITE, readiness);
+    return true;
+}
+
+bool changesOnDelivery(const Knote& knote) {
+    return (knote.flags & (EV_ONESHOT | EV_DISPATCH)) != 0;
+}
+
+bool isLevel(const Knote& knote) {
+    return knote.enabled && (knote.flags & EV_CLEAR) == 0;
+}
+
+/// Reports the wanted filters of an entry. When the list has room for one of two, the other one goes first
+/// next time.
+void deliver(Collector& c, Entry& entry, unsigned wanted, uint32_t events) {
+    const bool follows = changesOnDelivery(entry.read) || changesOnDelivery(entry.write);
+    const int before = c.count;
+    const unsigned first = entry.owesWrite ? kWrite : kRead;
+    const unsigned second = kRead + kWrite - first;
+    bool missed = (wanted & first) != 0 && !deliverFilter(c, entry, first, events);
+    if ((wanted & second) != 0 && !deliverFilter(c, entry, second, events)) {
+        entry.owesWrite = (missed ? first : second) == kWrite;
+        missed = true;
+    } else if (!missed) {
+        entry.owesWrite = false;
+    }
+    if (follows && c.count != before) {
+        followKnotes(c.queue, entry);
+    } else if (missed && (entry.mask & EPOLLET) != 0) {
+        askAgain(c.queue, entry);
+    }
+}
+
+/// A level filter shares its epoll entry with an EV_CLEAR one: the edge was told, the level has to be looked
+/// at.
+void pollLevelBesideEdge(Collector& c, Entry& entry) {
+    if ((entry.mask & EPOLLET) == 0 || !isLive(entry)) return;
+    if (isLevel(entry.read) || isLevel(entry.write)) setPolled(c.queue.knotes, entry, true);
+}
+
+/// An entry that counts nothing and is told by edge, such as the eventfd that wakes an event loop, costs no
+/// call at all beyond the wait: its number is believed.
+bool isTrusted(const Entry& entry) {
+    return entry.countless && entry.read.enabled && !isLevel(entry.read) && !entry.write.present;
+}
+
+void takeReport(Collector& c, const epoll_event& report) {
+    if (report.data.u64 == kWakeTag) return;
+    const uint32_t generation = static_cast<uint32_t>(report.data.u64 >> 32);
+    Entry* entry = findEntry(c.queue.knotes, static_cast<int>(static_cast<uint32_t>(report.data.u64)));
+    if (entry == nullptr || !isLive(*entry) || !entry->inEpoll || entry->generation != generation) {
+        if (!c.raced) c.stale = true;
+        return;
+    }
+    if (entry->seen == c.queue.call) c.repeated = true;
+    if (!entry->read.enabled && !entry->write.enabled) return;  // a hang-up that nobody asked for
+    if (!isTrusted(*entry) && !checkEntry(c.queue, *entry)) {
+        c.stale = true;
+        return;
+    }
+    classify(*entry);
+    const bool unconnected = wasNeverConnected(*entry, report.events);
+    setParked(c.queue, *entry, unconnected);
+    if (unconnected) return;
+    entry->seen = c.queue.call;
+    entry->seenEvents = report.events;
+    deliver(c, *entry, kRead | kWrite, report.events);
+    pollLevelBesideEdge(c, *entry);
+}
+
+/// How many reports fit the list, some entries being two events each.
+int reportsThatFit(const Collector& c) {
+    const int room = c.room - c.count;
+    const size_t both = c.queue.knotes.bothCount;
+    const int spare = both < static_cast<size_t>(room / 2) ? static_cast<int>(both) : room / 2;
+    return room - spare < kReports ? room - spare : kReports;
+}
+
+int waitFor(int epoll, epoll_event* reports, int limit, int64_t ns) {
+    if (ns == 0) return epoll_wait(epoll, reports, limit, 0);
+    if (ns == INT64_MAX) return epoll_wait(epoll, reports, limit, -1);
+    const timespec timeout{ns / kNsPerSecond, ns % kNsPerSecond};
+    return epoll_pwait2(epoll, reports, limit, &timeout, nullptr);
+}
+
+/// Waits with the lock released.
+int waitUnlocked(Collector& c, epoll_event* reports, int limit, int64_t ns) {
+    Kqueue& queue = c.queue;
+    const uint64_t instance = queue.instance;
+    const uint64_t call = queue.call;
+    const uint64_t changes = queue.changes;
+    const int epoll = queue.fd;
+    ++queue.waiters;
+    (void)pthread_mutex_unlock(&queue.lock);
+    const int64_t begin = clockNs(CLOCK_MONOTONIC);
+    const int n = waitFor(epoll, reports, limit, ns);
+    const int error = errno;
+    const bool brief = clockNs(CLOCK_MONOTONIC) - begin < kCheckHoldsNs;
+    (void)pthread_mutex_lock(&queue.lock);
+    --queue.waiters;
+    c.raced = queue.changes != changes;
+    if (!brief || queue.call != call) ++queue.call;  // what was checked before is not known any more
+    errno = error;
+    if (queue.instance == instance) return n;
+    errno = EBADF;
+    return -1;
+}
+
+/// Takes epoll's reports, after waiting for at most `ns`. Returns false with errno.
+bool takeEpoll(Collector& c, int64_t ns) {
+    epoll_event reports[kReports];
+    c.repeated = false;
+    while (!c.full()) {
+        const int limit = reportsThatFit(c);
+        c.raced = false;
+        const int n = ns == 0 ? waitFor(c.queue.fd, reports, limit, 0) : waitUnlocked(c, reports, limit, ns);
+        if (n == -1) {
+            if (errno == EINVAL) errno = EBADF;  // the number is some other file by now
+            return false;
+        }
+        c.queue.kernelSeen = true;
+        for (int i = 0; i < n; ++i) takeReport(c, reports[i]);
+        c.unread = n == limit;
+        if (!c.unread || c.repeated || c.stale) break;
+        ns = 0;
+    }
+    return true;
+}
+
+void takeTimers(Collector& c, int64_t now) {
+    if (c.timersTaken || c.full()) return;
+    const int taken = collectTimers(c.queue.timers, now, c.list + c.count, c.room - c.count);
+    c.count += taken;
+    c.timersTaken = taken > 0;
+}
+
+unsigned levelFilters(const Entry& entry) {
+    return (isLevel(entry.read) ? kRead : 0) | (isLevel(entry.write) ? kWrite : 0);
+}
+
+uint32_t lookAt(const Entry& entry, unsigned filters) {
+    short events = 0;
+    if ((filters & kRead) != 0) events = POLLIN | POLLRDHUP;
+    if ((filters & kWrite) != 0) events = static_cast<short>(events | POLLOUT);
+    pollfd request{entry.fd, events, 0};
+    return poll(&request, 1, 0) == 1 ? static_cast<uint32_t>(request.revents) : 0;
+}
+
+void takePolledEntry(Collector& c, Entry& entry) {
+    if (entry.parked || !checkEntry(c.queue, entry)) return;
+    const int before = c.count;
+    if (entry.alwaysReady) {
+        deliver(c, entry, kRead | kWrite, 0);
+    } else {
+        const unsigned filters = (entry.mask & EPOLLET) != 0 ? levelFilters(entry) : 0;
+        const uint32_t events = filters == 0 ? 0 : lookAt(entry, filters);
+        if (events == 0) {
+            setPolled(c.queue.knotes, entry, false);  // the next edge brings it back
+            return;
+        }
+        deliver(c, entry, filters, events);
+    }
+    if (c.count != before && entry.polled.linked) rotatePolled(c.queue.knotes, entry);
+}
+
+void takePolled(Collector& c) {
+    Entry* entry = c.queue.knotes.polled.first;
+    for (size_t left = c.queue.knotes.polled.count; left > 0 && entry != nullptr && !c.full(); --left) {
+        Entry* next = entry->polled.next;
+        takePolledEntry(c, *entry);
+        entry = next;
+    }
+}
+
+/// WRITE knotes that this call's changes armed. epoll has just been asked: had the connection ended, it would
+/// have said so of the entry's READ filter.
+void takeWritable(Collector& c) {
+    for (Entry* entry = c.queue.knotes.writable.first; entry != nullptr && !c.full();) {
+        Entry* next = entry->writable.next;
+        const bool known = entry->seen == c.queue.call || !c.unread;
+        if (known && entry->write.reported != c.queue.call) {
+            const Readiness room = roomInSocket(*entry);
+            if (room.active) {
+                emit(c, *entry, entry->write, EVFILT_WRITE, room);
+            } else {
+                handToEpoll(c.queue, *entry);
+            }
+        }
+        entry = next;
+    }
+}
+
+bool hasUserSpaceEvents(const Collector& c, int64_t now) {
+    const KnoteTable& knotes = c.queue.knotes;
+    return firstDeadline(c.queue.timers) <= now || knotes.polled.count > 0 || knotes.writable.count > 0;
+}
+
+/// Collects without waiting. The sources take turns in being the first, so that none keeps a short list for
+/// itself.
+bool takeReady(Collector& c, int64_t now) {
+    const uint32_t turn = c.queue.turn++;
+    for (uint32_t i = 0; i < kSources; ++i) {
+        switch ((turn + i) % kSources) {
+            case 0:
+                takeTimers(c, now);
+                break;
+            case 1:
+                takePolled(c);
+                break;
+            default:
+                if (!takeEpoll(c, 0)) return false;
+        }
+    }
+    takeWritable(c);
+    return true;
+}
+
+int64_t waitTime(const Collector& c, int64_t now, int64_t expiry) {
+    const int64_t deadline = firstDeadline(c.queue.timers);
+    const int64_t until = deadline < expiry ? deadline : expiry;
+    const bool polls = c.queue.knotes.polled.count > 0;
+    if (until == INT64_MAX) return polls ? kPollIntervalNs : INT64_MAX;
+    if (until <= now) return 0;
+    return polls && until - now > kPollIntervalNs ? kPollIntervalNs : until - now;
+}
+
+/// Replaces the epoll instance if it reported a registration that is gone.
+void dropStale(Collector& c) {
+    if (!c.stale) return;
+    c.stale = false;
+    if (rebuild(c.queue)) return;
+    (void)pthread_mutex_unlock(&c.queue.lock);
+    const timespec pause{0, kRebuildPauseNs};
+    (void)nanosleep(&pause, nullptr);  // the stale entry would make every wait return at once
+    (void)pthread_mutex_lock(&c.queue.lock);
+}
+
+int64_t expiryOf(const timespec* timeout, int64_t now) {
+    if (timeout == nullptr) return INT64_MAX;
+    return addClamped(now, addClamped(mulClamped(timeout->tv_sec, kNsPerSecond), timeout->tv_nsec));
+}
+
+/// Returns false with errno.
+bool collectUntil(Collector& c, int64_t now, int64_t expiry) {
+    bool waited = false;
+    for (;;) {
+        if (c.queue.knotes.polled.count > 0) askParked(c.queue);
+        if (hasUserSpaceEvents(c, now) && !takeReady(c, now)) return false;
+        dropStale(c);
+        if (c.count > 0 || (waited && now >= expiry)) return true;
+        handToEpoll(c.queue, false);
+        if (!takeEpoll(c, waitTime(c, now, expiry))) return false;
+        waited = true;
+        now = clockNs(CLOCK_MONOTONIC);
+        dropStale(c);
+        if (c.count > 0) {
+            takeTimers(c, now);
+            return true;
+        }
+    }
+}
+
+}  // namespace
+
+int collectEvents(Kqueue& queue, struct kevent* list, int room, const timespec* timeout) {
+    Collector c{queue, list, room, 0, false, false, false, false, false};
+    const int64_t now = clockNs(CLOCK_MONOTONIC);
+    handToEpoll(queue, true);
+    if (!collectUntil(c, now, expiryOf(timeout, now))) return -1;
+    const bool deferred = firstDeadline(queue.timers) != INT64_MAX || queue.knotes.polled.count > 0;
+    if (queue.waiters > 0 && deferred) wakeWaiter(queue);  // this thread may have been the one that was woken
+    return c.count;
+}
+
+}  // namespace rvkevent

@@ -1,0 +1,109 @@
+/// kqueue() and kevent(): the calls of platform/kevent.h over epoll.
+///
+/// kevent() applies its changes one after the other, answers failures with records, and goes on to collect
+/// events (kevent_collect.h) if there were none.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include "platform/kevent.h"
+#include "platform/linux/kevent_clock.h"
+#include "platform/linux/kevent_collect.h"
+#include "platform/linux/kevent_descriptors.h"
+#include "platform/linux/kevent_queue.h"
+
+namespace {
+
+using namespace rvkevent;
+
+/// Bits of a change's flags that belong to the system.
+constexpr unsigned kSystemFlags = 0xF000;
+
+bool isValidTimeout(const timespec* timeout) {
+    return timeout == nullptr ||
+           (timeout->tv_sec >= 0 && timeout->tv_nsec >= 0 && timeout->tv_nsec < kNsPerSecond);
+}
+
+int checkArguments(const struct kevent* changes, int nchanges, const struct kevent* events, int nevents,
+                   const timespec* timeout) {
+    if (nchanges < 0 || nevents < 0 || !isValidTimeout(timeout)) return EINVAL;
+    if ((nchanges > 0 && changes == nullptr) || (nevents > 0 && events == nullptr)) return EFAULT;
+    return 0;
+}
+
+int applyChange(Kqueue& queue, const struct kevent& change, bool userSpace) {
+    switch (change.filter) {
+        case EVFILT_READ:
+        case EVFILT_WRITE:
+            return changeDescriptor(queue, change, userSpace);
+        case EVFILT_TIMER:
+            queue.pollsChanged = true;
+            return changeTimer(queue.timers, change, clockNs(CLOCK_MONOTONIC));
+        default:
+            return EINVAL;
+    }
+}
+
+/// Applies the changes in order. A failure, or any outcome of a change with EV_RECEIPT, becomes a record: the
+/// change itself with EV_ERROR added. Returns the number of records, or -1 with errno for a failure without
+/// room.
+int applyChanges(Kqueue& queue, const struct kevent* changes, int nchanges, struct kevent* events,
+                 int nevents) {
+    const bool userSpace = nevents > 0 && queue.waiters == 0;
+    int records = 0;
+    for (int i = 0; i < nchanges; ++i) {
+        struct kevent change = changes[i];  // a copy: the record may go where the change stands
+        change.flags = static_cast<uint16_t>(change.flags & ~kSystemFlags);
+        const int error = applyChange(queue, change, userSpace);
+        if (error == 0 && (change.flags & EV_RECEIPT) == 0) continue;
+        if (records < nevents) {
+            events[records] = change;
+            events[records].flags = static_cast<uint16_t>(change.flags | EV_ERROR);
+            events[records++].data = error;
+        } else if (error != 0) {
+            errno = error;
+            return -1;
+        }
+    }
+    return records;
+}
+
+/// Ends a call that does not collect events. If the kernel was not asked about the queue's descriptor so far,
+/// it is now: a closed queue has no changes that fail or succeed.
+int finishChanges(Kqueue& queue, int result) {
+    const int error = errno;
+    handToEpoll(queue, false);
+    if (!queue.kernelSeen && fcntl(queue.fd, F_GETFD) == -1) return -1;  // EBADF
+    errno = error;
+    return result;
+}
+
+}  // namespace
+
+int kqueue(void) {
+    const int fd = epoll_create1(EPOLL_CLOEXEC);
+    if (fd == -1 || makeQueue(fd)) return fd;
+    const int error = errno;
+    (void)close(fd);  // nothing is registered with it
+    errno = error;
+    return -1;
+}
+
+int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent* eventlist, int nevents,
+           const struct timespec* timeout) {
+    Kqueue* queue = findQueue(kq);
+    if (queue == nullptr) return -1;
+    if (const int error = checkArguments(changelist, nchanges, eventlist, nevents, timeout); error != 0) {
+        errno = error;
+        return -1;
+    }
+    const QueueLock guard(*queue);
+    ++queue->call;
+    queue->kernelSeen = false;
+    const int records = applyChanges(*queue, changelist, nchanges, eventlist, nevents);
+    if (queue->pollsChanged) wakeWaiter(*queue);
+    queue->pollsChanged = false;
+    if (records != 0 || nevents == 0) return finishChanges(*queue, records);
+    return collectEvents(*queue, eventlist, nevents, timeout);
+}

@@ -1,0 +1,42 @@
+/// What a descriptor's state means for the READ and WRITE filters: whether they are active, the byte count
+/// that a blocking read() or write() may use, and the end-of-file flag.
+///
+/// epoll's answer says whether a filter is active; the kernel is asked for the counts when the event is about
+/// to be returned, so they are never older than the call.
+#ifndef RV_PLATFORM_LINUX_KEVENT_READINESS_H
+#define RV_PLATFORM_LINUX_KEVENT_READINESS_H
+
+#include <stdint.h>
+
+#include "platform/linux/kevent_knotes.h"
+
+namespace rvkevent {
+
+struct Readiness {
+    bool active;
+    bool endOfFile;
+    int64_t data;  // bytes, or connections of a listening socket
+};
+
+/// Finds out the kind of the entry's file, once.
+void classify(Entry& entry);
+
+/// True if epoll's answer is the one of a stream socket that was never connected: it hangs up without ever
+/// having had a peer. Neither filter is active then.
+bool wasNeverConnected(const Entry& entry, uint32_t events);
+
+/// The filters of a file that epoll watches; `events` is what epoll (or poll) reported.
+Readiness readReadiness(Entry& entry, uint32_t events);
+Readiness writeReadiness(Entry& entry, uint32_t events);
+
+/// WRITE of a connected stream socket without epoll: inactive unless the kernel would report EPOLLOUT now. It
+/// does not see that the connection ended: the caller has epoll's word for that.
+Readiness roomInSocket(const Entry& entry);
+
+/// The filters of a file that epoll refuses.
+Readiness readReadinessOfFile(const Entry& entry);
+Readiness writeReadinessOfFile(const Entry& entry);
+
+}  // namespace rvkevent
+
+#endif
