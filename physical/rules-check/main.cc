@@ -16,7 +16,7 @@ constexpr char kUsage[] =
 /// error.
 bool check(const char* name) noexcept {
     const bool usesStdin = std::strcmp(name, "-") == 0;
-    const bool accepted = load_rule_file(usesStdin ? nullptr : name).has_value();
+    const bool accepted = load_rule_file(usesStdin ? nullptr : name) != nullptr;
     if (accepted) {
         (void)std::printf("%s: OK\n", name);
     } else {

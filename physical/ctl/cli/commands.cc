@@ -93,7 +93,7 @@ void askInsert(Conversation& talk) {
 
 void askLoad(Conversation& talk) {
     askOrFail(talk, [&](RvTetherIPCClient& client) {
-        return client.loadRuleList(std::move(talk.slots.ruleSet).value_or(JsonArray()));
+        return client.loadRuleList(talk.slots.ruleSet ? std::move(*talk.slots.ruleSet) : JsonArray());
     });
     talk.slots.ruleSet.reset();  // the request has taken it over
 }

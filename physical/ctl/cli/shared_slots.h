@@ -2,16 +2,15 @@
 #ifndef RV_CLI_SHARED_SLOTS_H
 #define RV_CLI_SHARED_SLOTS_H
 
-#include <optional>
 #include <string>
 
-#include "ipc/json.h"
+#include "rules/rule_parser.h"
 
 /// Owned by main, written by main before the client starts and by the I/O thread afterwards, so without a
 /// lock.
 struct SharedSlots {
-    std::optional<JsonArray> ruleSet;  ///< parsed rules that wait to be loaded
-    std::string editFile;              ///< the file that holds the rule text during `rule edit`
+    RuleSet ruleSet;       ///< parsed rules that wait to be loaded; null when there are none
+    std::string editFile;  ///< the file that holds the rule text during `rule edit`
 };
 
 #endif

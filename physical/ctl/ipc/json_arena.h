@@ -2,19 +2,58 @@
 #ifndef RV_IPC_JSON_ARENA_H
 #define RV_IPC_JSON_ARENA_H
 
+#include <boost/json/memory_resource.hpp>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/storage_ptr.hpp>
 #include <cstddef>
+#include <memory>
+
+#include "ipc/json.h"
+#include "platform/arena_memory.h"
 
 using JsonStorage = boost::json::storage_ptr;
 
-/// An arena that every value built in it keeps alive: moving a value out of it elsewhere is safe and free,
-/// while a copy goes wherever the copy is put. What is replaced or erased is not reused before the end.
-///
-/// firstBytes  how much to ask for at first; the arena grows by itself
-/// Throws std::bad_alloc. Values of one arena are built by one thread at a time.
-inline JsonStorage makeJsonArena(std::size_t firstBytes) {
-    return boost::json::make_shared_resource<boost::json::monotonic_resource>(firstBytes);
+/// Hands out pieces of one large block, then of blocks that it gets as it goes. Nothing is reused before the
+/// end. Values of one arena are built by one thread at a time.
+class JsonArena final : public boost::json::memory_resource {
+  public:
+    /// expectedBytes  how large the first block is; what is not used of it costs nothing
+    explicit JsonArena(std::size_t expectedBytes) noexcept { (void)block_.reserve(expectedBytes); }
+
+  private:
+    void* do_allocate(std::size_t bytes, std::size_t alignment) override {
+        const std::size_t start = (used_ + alignment - 1) & ~(alignment - 1);  // the block is aligned for all
+        if (start > block_.size() || block_.size() - start < bytes) {
+            return rest_.allocate(bytes, alignment);
+        }
+        used_ = start + bytes;
+        return block_.data() + start;
+    }
+    void do_deallocate(void*, std::size_t, std::size_t) override {}  // all at once, at the end
+    bool do_is_equal(const boost::json::memory_resource& other) const noexcept override {
+        return this == &other;
+    }
+
+    ArenaMemory block_;
+    std::size_t used_ = 0;  ///< bytes of block_
+    boost::json::monotonic_resource rest_;
+};
+
+template <>
+struct boost::json::is_deallocate_trivial<JsonArena> {
+    static constexpr bool value = true;
+};
+
+/// An empty array in an arena of its own. The pointer owns both: values that are moved out of the array still
+/// live in the arena and must not outlive the pointer and its copies. Throws std::bad_alloc.
+inline std::shared_ptr<JsonArray> makeArenaArray(std::size_t expectedBytes) {
+    struct Holder {
+        explicit Holder(std::size_t bytes) : arena(bytes), array(&arena) {}
+        JsonArena arena;
+        JsonArray array;
+    };
+    const auto holder = std::make_shared<Holder>(expectedBytes);
+    return {holder, &holder->array};
 }
 
 #endif

@@ -81,9 +81,9 @@ bool runEditor(const char* path) noexcept {
     }
 }
 
-std::optional<JsonArray> loadRulesFromEditor(const char* path) noexcept {
+RuleSet loadRulesFromEditor(const char* path) noexcept {
     while (runEditor(path)) {
-        std::optional<JsonArray> rules = load_rule_file(path);
+        const RuleSet rules = load_rule_file(path);
         if (rules || areYouSure(kEditQuestion) == 'n') {
             return rules;
         }

@@ -2,10 +2,7 @@
 #ifndef RV_RULES_RULE_EDITOR_H
 #define RV_RULES_RULE_EDITOR_H
 
-#include <optional>
-#include <string>
-
-#include "ipc/json.h"
+#include "rules/rule_parser.h"
 
 /// Runs the editor on a file and waits for its end.
 ///
@@ -23,9 +20,9 @@ bool runEditor(const char* path) noexcept;
 /// Edits a file until it parses.
 ///
 /// path  the file; it is kept, as the user left it
-/// Returns the records (see rule_parser_run), or nothing when the user gave up or no editor could be run; all
+/// Returns the records (see rule_parser_run), or null when the user gave up or no editor could be run; all
 /// messages have been written.
 /// Thread: as for runEditor.
-std::optional<JsonArray> loadRulesFromEditor(const char* path) noexcept;
+RuleSet loadRulesFromEditor(const char* path) noexcept;
 
 #endif

@@ -121,7 +121,7 @@ std::optional<std::string> load_any_file(const char* path, const char* what) noe
     return {};
 }
 
-std::optional<JsonArray> load_rule_file(const char* path) noexcept {
+RuleSet load_rule_file(const char* path) noexcept {
     const std::optional<std::string> text = load_any_file(path, "rules");
     if (!text) {
         return {};

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ipc/json.h"
+#include "rules/rule_parser.h"
 
 /// Reads a whole file, or standard input to its end.
 ///
@@ -19,9 +20,9 @@ std::optional<std::string> load_any_file(const char* path, const char* what) noe
 /// Reads and parses a rule file.
 ///
 /// path  the file; null for standard input
-/// Returns the records (see rule_parser_run), or nothing after one line on standard error, by load_any_file
+/// Returns the records (see rule_parser_run), or null after one line on standard error, by load_any_file
 /// or rule_parser_run.
-std::optional<JsonArray> load_rule_file(const char* path) noexcept;
+RuleSet load_rule_file(const char* path) noexcept;
 
 /// Writes the rules of a rule-list reply, without numbers, into a new file of the user's own under /tmp and
 /// tells on standard output where it is. The file stays until the caller removes it.

@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr std::size_t kFirstArenaBytes = 4096;
-constexpr std::size_t kShortestRuleBytes = 6;  // an action word and the end of its line
+constexpr std::size_t kArenaBytesPerTextByte = 8;  // enough but for the shortest rules
+constexpr std::size_t kShortestRuleBytes = 6;      // an action word and the end of its line
 
 /// No text has more rules than this: an array of that size never moves. What is reserved beyond the rules
 /// that there are is never touched.
@@ -24,10 +24,10 @@ std::size_t mostRules(std::string_view text) noexcept {
     return std::min(static_cast<std::size_t>(feeds + nuls) + 1, (text.size() + 1) / kShortestRuleBytes);
 }
 
-std::optional<JsonArray> createRules(std::string_view text) noexcept {
+RuleSet createRules(std::string_view text) noexcept {
     try {
-        JsonArray rules(makeJsonArena(kFirstArenaBytes));
-        rules.reserve(mostRules(text));
+        RuleSet rules = makeArenaArray(text.size() * kArenaBytesPerTextByte);
+        rules->reserve(mostRules(text));
         return rules;
     } catch (...) {
         return {};
@@ -67,7 +67,7 @@ bool appendRule(std::string_view line, std::string& arena, JsonArray& rules) noe
     }
 }
 
-std::optional<JsonArray> refuse(const char* message) noexcept {
+RuleSet refuse(const char* message) noexcept {
     (void)std::fputs(message, stderr);  // there is nowhere left to complain
     return {};
 }
@@ -175,8 +175,8 @@ std::size_t rule_parser_triple2values(std::string_view argument, RuleTriple& val
     }
 }
 
-std::optional<JsonArray> rule_parser_run(std::string_view text) noexcept {
-    std::optional<JsonArray> rules = createRules(text);
+RuleSet rule_parser_run(std::string_view text) noexcept {
+    RuleSet rules = createRules(text);
     if (!rules) {
         return refuse("Memory allocation error.\n");
     }

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -18,6 +19,10 @@
 #include <vector>
 
 #include "ipc/json.h"
+
+/// The records of a text, or null. They live in one arena, which the pointer owns together with the array:
+/// keep it for as long as any of them is in use, those that were moved out of the array included.
+using RuleSet = std::shared_ptr<JsonArray>;
 
 /// Logical lines, or tokens.
 using RuleStrings = std::vector<std::string>;
@@ -63,9 +68,8 @@ std::size_t rule_parser_triple2values(std::string_view argument, RuleTriple& val
 /// empty array.
 ///
 /// text  borrowed for the call
-/// Returns the records in the order of the text. They share one arena that lives as long as any of them; move
-/// the array rather than copy it. On the first error returns nothing after one line on standard error:
+/// Returns the records in the order of the text; on the first error null, after one line on standard error:
 /// "Memory allocation error.", "Error parsing rule data." or "Parsing error at rule #N".
-std::optional<JsonArray> rule_parser_run(std::string_view text) noexcept;
+RuleSet rule_parser_run(std::string_view text) noexcept;
 
 #endif
