@@ -18,9 +18,10 @@ struct AcceptedConnection;
 
 namespace demo {
 
-/// Calling order: constructor, listen, letThingsHappen (if wanted), both before the loop is started; the loop
-/// is stopped before the service goes, because its endpoints' blocks use the service. Between the two, state
-/// and sessions belong to the loop's I/O thread, which is the only one to run the blocks.
+/// The loop is stopped before the service goes, because the blocks of its endpoints use the service. While
+/// the loop runs, state and sessions belong to its I/O thread, which is the only one to run the blocks;
+/// listen and letThingsHappen touch neither and may be called on any thread, before or after the loop is
+/// started.
 ///
 /// This is where exceptions end: a client whose request there is no memory for loses its connection.
 class Service {

@@ -101,7 +101,8 @@ void State::connect(Connection connection) {
 
 std::size_t State::dropConnections(std::string_view host, std::optional<std::uint16_t> port) {
     const auto isDropped = [&](const Connection& connection) {
-        return connection.user.addr == host && (!port.has_value() || connection.port == *port);
+        return !host.empty() && connection.user.addr == host &&
+               (!port.has_value() || connection.port == *port);
     };
     const auto remaining = std::stable_partition(active.begin(), active.end(), std::not_fn(isDropped));
     const auto dropped = static_cast<std::size_t>(active.end() - remaining);
