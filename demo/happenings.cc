@@ -36,7 +36,8 @@ void Happenings::next() {
     };
     bool happened = false;
     for (std::size_t tries = 0; tries < std::size(kSteps) && !happened; ++tries) {
-        happened = (this->*kSteps[step])();
+        bool (Happenings::*const attempt)() = kSteps[step];
+        happened = (this->*attempt)();
         step = (step + 1) % std::size(kSteps);
     }
 }
