@@ -21,15 +21,7 @@ ByteBuffer::~ByteBuffer() {
 char* ByteBuffer::prepare(std::size_t count) noexcept {
     if (count > SIZE_MAX / 2 - length) return nullptr;
     const std::size_t needed = length + count;
-    if (front + needed > capacity) {
-        // Moving at most as many bytes as were consumed since the last move keeps the cost per byte constant.
-        if (needed <= capacity && front >= length) {
-            moveToFront();
-        } else if (!resizeStorage(std::max({needed, 2 * capacity, kLeastCapacity})) && needed > capacity &&
-                   !resizeStorage(needed)) {
-            return nullptr;
-        }
-    }
+    if (front + needed > capacity && !makeRoom(needed)) return nullptr;
     return data() + length;
 }
 
@@ -60,6 +52,18 @@ void ByteBuffer::swap(ByteBuffer& other) noexcept {
     std::swap(front, other.front);
     std::swap(length, other.length);
     std::swap(capacity, other.capacity);
+}
+
+bool ByteBuffer::makeRoom(std::size_t needed) noexcept {
+    // Moving at most as many bytes as were consumed since the last move keeps the cost per byte constant.
+    if (needed <= capacity && front >= length) {
+        moveToFront();
+        return true;
+    }
+    const std::size_t generous = std::max({needed, 2 * capacity, kLeastCapacity});
+    if (resizeStorage(generous)) return true;
+    // The bytes stand at the front by now.
+    return needed <= capacity || (needed < generous && resizeStorage(needed));
 }
 
 // On failure everything is as before, except that the bytes may have moved to the front of the storage.

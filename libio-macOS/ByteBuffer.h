@@ -43,6 +43,7 @@ class ByteBuffer {
     void swap(ByteBuffer& other) noexcept;
 
   private:
+    bool makeRoom(std::size_t needed) noexcept;
     bool resizeStorage(std::size_t newCapacity) noexcept;
     void moveToFront() noexcept;
     void giveBack() noexcept;

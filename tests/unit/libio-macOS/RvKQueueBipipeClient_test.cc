@@ -1,0 +1,224 @@
+#include "libio-macOS/RvKQueueBipipeClient.h"
+
+#include <unistd.h>
+
+#include "platform/kevent.h"
+#include "unit/libio-macOS/support/engine_fixture.h"
+
+namespace {
+
+constexpr std::uint16_t kArmed = EV_ADD | EV_ENABLE;
+
+// The endpoint reads from `in` and writes to `out`; the case holds the far ends.
+class BipipeOnIdleLoop : public IdleLoopTest {
+  protected:
+    void SetUp() override {
+        IdleLoopTest::SetUp();
+        const std::int32_t descriptors[2] = {in[0], out[1]};
+        endpoint = loop->createBipipeClient(descriptors, false);
+    }
+    void TearDown() override { endpoint->stop(); }
+
+    void start(Recorder::Reaction reaction = {}) { loop->startObject(endpoint, recorder.block(reaction)); }
+    void report(int filter, std::int64_t data) {
+        const struct kevent record = {0, static_cast<std::int16_t>(filter), kArmed, 0, data, endpoint.get()};
+        endpoint->kevent(&record);
+    }
+
+    DescriptorPair in = DescriptorPair::pipe();
+    DescriptorPair out = DescriptorPair::pipe();
+    std::shared_ptr<RvKQueueBipipeClient> endpoint;
+    Recorder recorder;
+};
+
+using RvKQueueBipipeClientCreation = BipipeOnIdleLoop;
+using RvKQueueBipipeClientInput = BipipeOnIdleLoop;
+using RvKQueueBipipeClientOutput = BipipeOnIdleLoop;
+using RvKQueueBipipeClientRun = EngineTest;
+
+TEST_F(RvKQueueBipipeClientCreation, IsLogged) {
+    EXPECT_TRUE(isLogged(LogLevel::kDebug, "<" + pointerText(endpoint.get()) + ">: bipipe(" +
+                                               std::to_string(in[0]) + "," + std::to_string(out[1]) +
+                                               ") created"));
+}
+
+TEST_F(RvKQueueBipipeClientCreation, RecordsNameEachDescriptorWithItsFilter) {
+    struct kevent record;
+    endpoint->initReadEvent(&record, kArmed);
+    EXPECT_EQ(static_cast<std::uint64_t>(in[0]), record.ident);
+    EXPECT_EQ(EVFILT_READ, record.filter);
+    endpoint->initWriteEvent(&record, EV_DELETE);
+    EXPECT_EQ(static_cast<std::uint64_t>(out[1]), record.ident);
+    EXPECT_EQ(EVFILT_WRITE, record.filter);
+    EXPECT_EQ(EV_DELETE, record.flags);
+    EXPECT_EQ(static_cast<RvKQueueEventProtocol*>(endpoint.get()), record.udata);
+}
+
+TEST_F(RvKQueueBipipeClientCreation, EventZeroComesInsideStartObject) {
+    writeAll(in[1], "already there");
+    start();
+    const auto events = recorder.events();
+    ASSERT_EQ(1u, events.size());
+    EXPECT_EQ(kEventConnected, events[0].code);
+    EXPECT_FALSE(events[0].hasBuffer);
+    EXPECT_FALSE(events[0].hasDropSize);
+    EXPECT_EQ(std::this_thread::get_id(), events[0].thread);
+}
+
+TEST_F(RvKQueueBipipeClientInput, IsOfferedAndKept) {
+    start([](const RecordedEvent& event, std::uint64_t* dropSize) {
+        if (event.code == kEventData) *dropSize = 1;
+        return true;
+    });
+    writeAll(in[1], "abc");
+    report(EVFILT_READ, 3);
+    writeAll(in[1], "d");
+    report(EVFILT_READ, 1);
+    const auto data = recorder.eventsWith(kEventData);
+    ASSERT_EQ(2u, data.size());
+    EXPECT_EQ("abc", data[0].bytes);
+    EXPECT_EQ("bcd", data[1].bytes);
+}
+
+TEST_F(RvKQueueBipipeClientInput, AShortReadKeepsTheReportedLength) {
+    start();
+    writeAll(in[1], "abc");
+    report(EVFILT_READ, 5);
+    EXPECT_EQ(std::string("abc\0\0", 5), recorder.received());
+}
+
+TEST_F(RvKQueueBipipeClientInput, TheEndIsEventTwoWithWhatWasKept) {
+    start([](const RecordedEvent& event, std::uint64_t* dropSize) {
+        if (event.code == kEventData) *dropSize = 0;
+        return true;
+    });
+    writeAll(in[1], "abc");
+    report(EVFILT_READ, 3);
+    in.close(1);
+    report(EVFILT_READ, 0);
+    const auto closed = recorder.eventsWith(kEventClosed);
+    ASSERT_EQ(1u, closed.size());
+    EXPECT_EQ("abc", closed[0].bytes);
+}
+
+TEST_F(RvKQueueBipipeClientOutput, OneWriteOfAtMostTheRoomReported) {
+    start();
+    loop->write(endpoint, "abcdef", 6);
+    report(EVFILT_WRITE, 4);
+    EXPECT_EQ("abcd", readExactly(out[0], 4));
+    report(EVFILT_WRITE, 4);
+    EXPECT_EQ("ef", readExactly(out[0], 2));
+    EXPECT_EQ(0, recorder.count(kEventClosed));
+}
+
+TEST_F(RvKQueueBipipeClientOutput, ReadinessWithNothingQueuedReportsClosed) {
+    start();
+    report(EVFILT_WRITE, 4096);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+}
+
+TEST_F(RvKQueueBipipeClientOutput, NoRoomReportsClosedAndKeepsTheBytes) {
+    start();
+    loop->write(endpoint, "abc", 3);
+    report(EVFILT_WRITE, 0);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    report(EVFILT_WRITE, 3);
+    EXPECT_EQ("abc", readExactly(out[0], 3));
+}
+
+TEST_F(RvKQueueBipipeClientOutput, AWriteErrorReportsClosed) {
+    start();
+    loop->write(endpoint, "abc", 3);
+    out.close(0);
+    report(EVFILT_WRITE, 10);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+}
+
+TEST_F(RvKQueueBipipeClientOutput, OtherFiltersAreIgnored) {
+    start();
+    report(EVFILT_TIMER, 1);
+    EXPECT_EQ(1u, recorder.events().size());
+}
+
+TEST_F(RvKQueueBipipeClientRun, CarriesBytesBothWays) {
+    DescriptorPair in = DescriptorPair::pipe();
+    DescriptorPair out = DescriptorPair::pipe();
+    const std::int32_t descriptors[2] = {in.release(0), out.release(1)};
+    Recorder recorder;
+    const auto endpoint = loop->createBipipeClient(descriptors, true);
+    loop->startObject(endpoint, recorder.block());
+    writeAll(in[1], "to it");
+    ASSERT_TRUE(recorder.waitForBytes(5));
+    EXPECT_EQ("to it", recorder.received());
+    loop->write(endpoint, "from it", 7);
+    EXPECT_EQ("from it", readExactly(out[0], 7));
+}
+
+TEST_F(RvKQueueBipipeClientRun, ClosingTheFarEndOfTheReadSideIsEventTwo) {
+    DescriptorPair in = DescriptorPair::pipe();
+    DescriptorPair out = DescriptorPair::pipe();
+    const std::int32_t descriptors[2] = {in.release(0), out.release(1)};
+    Recorder recorder;
+    const auto endpoint = loop->createBipipeClient(descriptors, true);
+    loop->startObject(endpoint, recorder.block());
+    in.close(1);
+    EXPECT_TRUE(recorder.waitFor(kEventClosed));
+}
+
+TEST_F(RvKQueueBipipeClientRun, ClosingTheFarEndOfTheWriteSideIsEventTwoOnceThereIsOutput) {
+    DescriptorPair in = DescriptorPair::pipe();
+    DescriptorPair out = DescriptorPair::pipe();
+    const std::int32_t descriptors[2] = {in.release(0), out.release(1)};
+    Recorder recorder;
+    const auto endpoint = loop->createBipipeClient(descriptors, true);
+    loop->startObject(endpoint, recorder.block());
+    out.close(0);
+    loop->write(endpoint, "lost", 4);
+    EXPECT_TRUE(recorder.waitFor(kEventClosed));
+}
+
+TEST_F(RvKQueueBipipeClientRun, StopClosesOwnedDescriptors) {
+    DescriptorPair in = DescriptorPair::pipe();
+    DescriptorPair out = DescriptorPair::pipe();
+    const std::int32_t descriptors[2] = {in.release(0), out.release(1)};
+    const auto endpoint = loop->createBipipeClient(descriptors, true);
+    loop->startObject(endpoint, Recorder().block());
+    loop->stopObject(endpoint);
+    EXPECT_EQ("", readExactly(out[0], 1));
+    EXPECT_TRUE(waitUntil([&] { return !isOpen(descriptors[0]) && !isOpen(descriptors[1]); }));
+    EXPECT_TRUE(isLogged(LogLevel::kDebug, "<" + pointerText(endpoint.get()) + ">: stop"));
+}
+
+TEST_F(RvKQueueBipipeClientRun, StopLeavesDescriptorsThatAreNotOwned) {
+    DescriptorPair in = DescriptorPair::pipe();
+    DescriptorPair out = DescriptorPair::pipe();
+    const std::int32_t descriptors[2] = {in[0], out[1]};
+    Recorder recorder;
+    const auto endpoint = loop->createBipipeClient(descriptors, false);
+    loop->startObject(endpoint, recorder.block());
+    loop->stopObject(endpoint);
+    waitForTurn();
+    waitForTurn();
+    writeAll(in[1], "mine");
+    waitForTurn();
+    EXPECT_EQ("mine", readExactly(in[0], 4));
+    writeAll(out[1], "x");
+    EXPECT_EQ("x", readExactly(out[0], 1));
+    EXPECT_EQ(0, recorder.count(kEventData));
+}
+
+TEST_F(RvKQueueBipipeClientRun, OneSocketMayServeForBothSides) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const std::int32_t descriptors[2] = {pair[0], pair.release(0)};
+    Recorder recorder;
+    const auto endpoint = loop->createBipipeClient(descriptors, true);
+    loop->startObject(endpoint, recorder.block());
+    writeAll(pair[1], "in");
+    ASSERT_TRUE(recorder.waitForBytes(2));
+    loop->write(endpoint, "out", 3);
+    EXPECT_EQ("out", readExactly(pair[1], 3));
+    loop->stopObject(endpoint);
+    EXPECT_EQ("", readExactly(pair[1], 1));
+}
+
+}  // namespace

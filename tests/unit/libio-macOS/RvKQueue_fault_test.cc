@@ -1,0 +1,389 @@
+/// The engine without memory, locks, threads or descriptors: every failure has its message, and nothing is
+/// lost.
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "libio-macOS/RvKQueue.h"
+#include "libio-macOS/RvKQueueBipipeClient.h"
+#include "libio-macOS/RvKQueueStreamSocket.h"
+#include "libio-macOS/RvKQueueTCPClient.h"
+#include "libio-macOS/RvKQueueTCPServer.h"
+#include "libio-macOS/RvKQueueTimer.h"
+#include "libio-macOS/RvKQueueUnixClient.h"
+#include "libio-macOS/RvKQueueUnixServer.h"
+#include "platform/kevent.h"
+#include "unit/libio-macOS/support/engine_fixture.h"
+#include "unit/libio-macOS/support/faults.h"
+
+namespace {
+
+using faults::Kind;
+
+void captureLogSafely() {
+    captureLog();
+    setOsLogSink([](LogLevel level, const char* subsystem, const char* category, const char* text) {
+        const faults::Suspension none;
+        recordLogLine(level, subsystem, category, text);
+    });
+}
+
+std::vector<std::string> loggedErrors() {
+    std::vector<std::string> texts;
+    for (const LogLine& line : capturedLog()) {
+        if (line.level == LogLevel::kError) texts.push_back(line.text);
+    }
+    return texts;
+}
+
+class RvKQueueFault : public IdleLoopTest {
+  protected:
+    void SetUp() override {
+        IdleLoopTest::SetUp();
+        captureLogSafely();
+    }
+};
+using RvKQueueInitFault = RvKQueueFault;
+using RvKQueueThreadFault = RvKQueueFault;
+using RvKQueueRegistryFault = RvKQueueFault;
+using RvKQueueFactoryFault = RvKQueueFault;
+using RvKQueueEndpointFault = RvKQueueFault;
+using RvKQueueStop = RvKQueueFault;
+
+TEST_F(RvKQueueInitFault, EachAllocationThatFailsHasItsMessageInOrder) {
+    const int descriptors = openDescriptorCount();
+    std::vector<std::string> messages;
+    bool failed = true;
+    for (int nth = 1; failed && nth < 100; ++nth) {
+        captureLogSafely();
+        faults::failHere(Kind::kMemory, nth);
+        auto made = RvKQueue::initWithSubsystem(kTestSubsystem);
+        failed = faults::hasFailed();
+        const auto errors = loggedErrors();
+        ASSERT_LE(errors.size(), 1u);
+        if (!errors.empty()) {
+            EXPECT_FALSE(made);
+            if (messages.empty() || messages.back() != errors[0]) messages.push_back(errors[0]);
+        }
+        made.reset();
+        EXPECT_EQ(descriptors, openDescriptorCount());
+    }
+    EXPECT_FALSE(failed);
+    EXPECT_EQ((std::vector<std::string>{"cannot initialize timer id dict", "cannot initialize timer obj dict",
+                                        "cannot initialize change list", "cannot initialize stop list",
+                                        "cannot initialize active list", "cannot initialize io thread"}),
+              messages);
+}
+
+TEST_F(RvKQueueInitFault, ALoopWithoutALogHandleWorksSilently) {
+    // The second allocation is the log handle's.
+    faults::failHere(Kind::kNew, 2);
+    const auto silent = RvKQueue::initWithSubsystem(kTestSubsystem);
+    ASSERT_TRUE(faults::hasFailed());
+    ASSERT_TRUE(silent);
+    EXPECT_TRUE(silent->createTimer(1, true));
+    EXPECT_EQ(0u, capturedLog().size());
+}
+
+TEST_F(RvKQueueInitFault, EachLockThatFailsHasItsMessage) {
+    faults::failHere(Kind::kMutex, 1);
+    EXPECT_FALSE(RvKQueue::initWithSubsystem(kTestSubsystem));
+    faults::failHere(Kind::kMutex, 2);
+    EXPECT_FALSE(RvKQueue::initWithSubsystem(kTestSubsystem));
+    EXPECT_EQ((std::vector<std::string>{"cannot initialize lock", "cannot initialize timer lock"}),
+              loggedErrors());
+}
+
+TEST_F(RvKQueueInitFault, WithoutAThreadTheQueueIsClosedAgain) {
+    const int descriptors = openDescriptorCount();
+    faults::failHere(Kind::kThread, 1);
+    EXPECT_FALSE(RvKQueue::initWithSubsystem(kTestSubsystem));
+    EXPECT_EQ(std::vector<std::string>{"cannot initialize io thread"}, loggedErrors());
+    EXPECT_EQ(descriptors, openDescriptorCount());
+}
+
+TEST_F(RvKQueueInitFault, WithoutAWakeUpRequestsWaitForTheEndOfTheTurn) {
+    faults::failHere(Kind::kEventfd, 1);
+    const auto plain = RvKQueue::initWithSubsystem(kTestSubsystem);
+    ASSERT_TRUE(faults::hasFailed());
+    ASSERT_TRUE(plain);
+    plain->start();
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = plain->createStreamSocket(pair.release(0), true);
+    plain->startObject(endpoint, Recorder().block());
+    plain->write(endpoint, "hello", 5);
+    EXPECT_EQ("hello", readExactly(pair[1], 5));
+    plain->stop();
+}
+
+TEST_F(RvKQueueThreadFault, WithoutAnEventListTheThreadEnds) {
+    faults::failElsewhere(Kind::kRealloc);
+    loop->start();
+    EXPECT_TRUE(waitForLogged(LogLevel::kError, "cannot initialize event list"));
+    EXPECT_TRUE(faults::hasFailed());
+    loop->stop();
+}
+
+TEST_F(RvKQueueThreadFault, WithoutAFirstSnapshotTheThreadEnds) {
+    const auto probe = std::make_shared<ProbeEndpoint>();
+    loop->addActiveObject(probe);
+    faults::failElsewhere(Kind::kNew);
+    loop->start();
+    EXPECT_TRUE(waitForLogged(LogLevel::kError, "cannot initialize active list"));
+    EXPECT_TRUE(faults::hasFailed());
+    loop->stop();
+    EXPECT_EQ(1, probe->stops);
+}
+
+TEST_F(RvKQueueThreadFault, WithoutALaterSnapshotTheThreadEnds) {
+    loop->start();
+    ASSERT_TRUE(waitForLogged(LogLevel::kDebug, "io thread started"));
+    const auto first = std::make_shared<ProbeEndpoint>();
+    loop->addActiveObject(first);
+    loop->stopObject(first);
+    ASSERT_TRUE(waitUntil([&] { return first->stops == 1; }));
+    const auto probe = std::make_shared<ProbeEndpoint>();
+    faults::failElsewhere(Kind::kNew);
+    loop->addActiveObject(probe);
+    EXPECT_TRUE(waitForLogged(LogLevel::kError, "copying active list error"));
+    EXPECT_TRUE(faults::hasFailed());
+    loop->stop();
+    EXPECT_EQ(1, probe->stops);
+}
+
+TEST_F(RvKQueueRegistryFault, AnEndpointThatCannotBeRegisteredIsReported) {
+    const auto probe = std::make_shared<ProbeEndpoint>();
+    faults::failHere(Kind::kNew, 1);
+    loop->addActiveObject(probe);
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(std::vector<std::string>{"<" + pointerText(probe.get()) + ">: cannot be added"},
+              loggedErrors());
+    EXPECT_EQ(1, probe.use_count());
+}
+
+TEST_F(RvKQueueRegistryFault, WithoutMemoryForTheListOfChangesTheWholeRegistryIsCopied) {
+    loop->start();
+    std::vector<std::shared_ptr<ProbeEndpoint>> probes;
+    for (int i = 0; i < 10; ++i) {
+        probes.push_back(std::make_shared<ProbeEndpoint>());
+        faults::failHere(Kind::kNew, 2);
+        loop->addActiveObject(probes.back());
+        (void)faults::hasFailed();
+    }
+    DescriptorPair pair = DescriptorPair::socketPair();
+    Recorder recorder;
+    const auto endpoint = loop->createStreamSocket(pair.release(0), true);
+    loop->startObject(endpoint, recorder.block());
+    writeAll(pair[1], "x");
+    EXPECT_TRUE(recorder.waitFor(kEventData));
+    loop->stop();
+    EXPECT_EQ(0u, loggedErrors().size());
+    for (const auto& probe : probes) EXPECT_EQ(1, probe->stops);
+}
+
+TEST_F(RvKQueueRegistryFault, AnEndpointThatCannotBeStoppedStaysRegistered) {
+    // The stop list needs memory only when it outgrows what it started with.
+    std::shared_ptr<ProbeEndpoint> probe;
+    bool failed = false;
+    for (int i = 0; !failed && i < 1000; ++i) {
+        probe = std::make_shared<ProbeEndpoint>();
+        loop->addActiveObject(probe);
+        faults::failHere(Kind::kNew, 1);
+        loop->stopObject(probe);
+        failed = faults::hasFailed() && !loggedErrors().empty();
+    }
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(std::vector<std::string>{"<" + pointerText(probe.get()) + ">: cannot stop object"},
+              loggedErrors());
+    loop->stopObject(probe);
+    loop->start();
+    EXPECT_TRUE(waitUntil([&] { return probe->stops == 1; }));
+    loop->stop();
+    EXPECT_EQ(1, probe->stops);
+}
+
+TEST_F(RvKQueueRegistryFault, AChangeThatCannotBeQueuedIsReported) {
+    const auto probe = std::make_shared<ProbeEndpoint>();
+    loop->addActiveObject(probe);
+    const struct kevent change = {1, EVFILT_READ, EV_ADD,
+                                  0, 0,           static_cast<RvKQueueEventProtocol*>(probe.get())};
+    for (int i = 0; i < 100; ++i) loop->submitChange(change);  // what there is room for from the start
+    EXPECT_EQ(0u, loggedErrors().size());
+    faults::failHere(Kind::kRealloc, 1, 2);  // growth is tried by a factor and then by what is needed
+    for (int i = 0; i < 100; ++i) loop->submitChange(change);
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(std::vector<std::string>{"<" + pointerText(probe.get()) + ">: cannot submit change"},
+              loggedErrors());
+}
+
+// Calls `make` with its n-th allocation failing, for n = 1, 2, ... until nothing fails. Each time there is an
+// endpoint or the message, and no descriptor is left behind.
+template <class Make>
+void sweepFactory(const std::string& message, const Make& make) {
+    bool failed = true;
+    int refusals = 0;
+    for (int nth = 1; failed && nth < 50; ++nth) {
+        captureLogSafely();
+        auto fresh = RvKQueue::initWithSubsystem(kTestSubsystem);
+        const int descriptors = openDescriptorCount();
+        faults::failHere(Kind::kNew, nth);
+        auto endpoint = make(*fresh);
+        failed = faults::hasFailed();
+        const auto errors = loggedErrors();
+        if (!endpoint) {
+            ++refusals;
+            ASSERT_FALSE(errors.empty());
+            EXPECT_EQ(message, errors.back());
+            EXPECT_EQ(descriptors, openDescriptorCount());
+        } else {
+            for (const std::string& error : errors) EXPECT_TRUE(error.ends_with(">: cannot be added"));
+        }
+        if (endpoint) endpoint->stop();
+    }
+    EXPECT_FALSE(failed);
+    EXPECT_GE(refusals, 1);
+}
+
+TEST_F(RvKQueueFactoryFault, StreamSocket) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    sweepFactory("cannot initialize stream socket object",
+                 [&](RvKQueue& fresh) { return fresh.createStreamSocket(pair[0], false); });
+}
+
+TEST_F(RvKQueueFactoryFault, BipipeClient) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const std::int32_t descriptors[2] = {pair[0], pair[0]};
+    sweepFactory("cannot initialize bipipe object",
+                 [&](RvKQueue& fresh) { return fresh.createBipipeClient(descriptors, false); });
+}
+
+TEST_F(RvKQueueFactoryFault, UnixClient) {
+    sweepFactory("cannot initialize unix socket object",
+                 [](RvKQueue& fresh) { return fresh.createUnixClient("/nowhere/at/all"); });
+}
+
+TEST_F(RvKQueueFactoryFault, UnixServer) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("s");
+    sweepFactory("cannot initialize unix server socket object",
+                 [&](RvKQueue& fresh) { return fresh.createUnixServer(path.c_str(), 0600); });
+}
+
+TEST_F(RvKQueueFactoryFault, TCPClient) {
+    const struct sockaddr_in address = loopback(freePort());
+    sweepFactory("cannot initialize TCP socket object",
+                 [&](RvKQueue& fresh) { return fresh.createTCPClient(asSockaddr(address)); });
+}
+
+TEST_F(RvKQueueFactoryFault, TCPServer) {
+    const struct sockaddr_in address = loopback(0);
+    sweepFactory("cannot initialize TCP server socket object",
+                 [&](RvKQueue& fresh) { return fresh.createTCPServer(asSockaddr(address)); });
+}
+
+TEST_F(RvKQueueFactoryFault, Timer) {
+    sweepFactory("cannot initialize timer object",
+                 [](RvKQueue& fresh) { return fresh.createTimer(1, true); });
+}
+
+TEST_F(RvKQueueFactoryFault, TheTimersTwoMessages) {
+    // The numbers of the first 64 timers need no memory.
+    for (int i = 0; i < 64; ++i) ASSERT_TRUE(loop->createTimer(1, true));
+    captureLogSafely();
+    std::int32_t ident = -1;
+    faults::failHere(Kind::kNew, 1);
+    EXPECT_FALSE(loop->addTimer(1, &ident, true));
+    faults::failHere(Kind::kNew, 2);
+    EXPECT_FALSE(loop->addTimer(1, &ident, true));
+    EXPECT_EQ(-1, ident);
+    EXPECT_EQ((std::vector<std::string>{"cannot allocate number for timer", "cannot allocate timer"}),
+              loggedErrors());
+    EXPECT_TRUE(loop->addTimer(1, &ident, true));
+    EXPECT_EQ(64, ident);
+}
+
+TEST_F(RvKQueueFactoryFault, ALockThatFailsFailsTheEndpoint) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const std::int32_t descriptors[2] = {pair[0], pair[0]};
+    const struct sockaddr_in address = loopback(freePort());
+    faults::failHere(Kind::kMutex, 1);
+    EXPECT_FALSE(loop->createStreamSocket(pair[0], true));
+    faults::failHere(Kind::kMutex, 1);
+    EXPECT_FALSE(loop->createBipipeClient(descriptors, true));
+    faults::failHere(Kind::kMutex, 1);
+    EXPECT_FALSE(loop->createUnixClient("/nowhere"));
+    faults::failHere(Kind::kMutex, 1);
+    EXPECT_FALSE(loop->createTCPClient(asSockaddr(address)));
+    EXPECT_EQ((std::vector<std::string>{
+                  "cannot initialize stream socket object", "cannot initialize bipipe object",
+                  "cannot initialize unix socket object", "cannot initialize TCP socket object"}),
+              loggedErrors());
+    EXPECT_TRUE(isOpen(pair[0]));
+}
+
+TEST_F(RvKQueueEndpointFault, InputThatFindsNoRoomIsAReadError) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair[0], false);
+    Recorder recorder;
+    loop->startObject(endpoint, recorder.block());
+    writeAll(pair[1], "abc");
+    const struct kevent record = {0, EVFILT_READ, EV_ADD | EV_ENABLE, 0, 1000, endpoint.get()};
+    faults::failHere(Kind::kRealloc, 1, 2);
+    endpoint->kevent(&record);
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    EXPECT_EQ(0, recorder.count(kEventData));
+    endpoint->kevent(&record);
+    EXPECT_EQ(1, recorder.count(kEventData));
+}
+
+TEST_F(RvKQueueEndpointFault, OutputThatFindsNoRoomEndsTheStream) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair[0], false);
+    Recorder recorder;
+    loop->startObject(endpoint, recorder.block());
+    loop->write(endpoint, "before", 6);
+    const std::string large(100000, 'x');
+    faults::failHere(Kind::kRealloc, 1, 2);
+    loop->write(endpoint, large.data(), large.size());
+    EXPECT_TRUE(faults::hasFailed());
+    loop->write(endpoint, "after", 5);
+    const struct kevent record = {0, EVFILT_WRITE, EV_ADD | EV_ENABLE, 0, 1000, endpoint.get()};
+    endpoint->kevent(&record);
+    endpoint->kevent(&record);
+    EXPECT_EQ(2, recorder.count(kEventClosed));
+    pair.close(0);
+    EXPECT_EQ("", readExactly(pair[1], 100));  // no byte goes out beyond the hole
+}
+
+TEST_F(RvKQueueEndpointFault, ABlockThatFindsNoRoomLeavesTheEndpointSilent) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair[0], false);
+    Recorder recorder;
+    EventBlock block = recorder.block();
+    faults::failHere(Kind::kNew, 1);
+    loop->startObject(endpoint, std::move(block));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(0u, recorder.events().size());
+}
+
+TEST_F(RvKQueueStop, TakesAboutASecond) {
+    loop->start();
+    const std::int64_t before = faults::sleptSeconds();
+    std::atomic<bool> slept{false};
+    Recorder recorder;
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair.release(0), true);
+    // The thread cannot end before stop has begun to wait for it.
+    loop->startObject(endpoint, recorder.block([&](const RecordedEvent& event, std::uint64_t*) {
+        if (event.code == kEventData) slept = waitUntil([&] { return faults::sleptSeconds() > before; });
+        return true;
+    }));
+    writeAll(pair[1], "x");
+    ASSERT_TRUE(recorder.waitFor(kEventData));
+    loop->stop();
+    EXPECT_TRUE(slept);
+}
+
+}  // namespace
