@@ -14,6 +14,7 @@
 #include "cli/preparation.h"
 #include "cli/shared_slots.h"
 #include "libio-macOS/RvKQueue.h"
+#include "platform/single_heap.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ constexpr char kLogSubsystem[] = "org.rvusbp.usb.phys.ctl";
 }  // namespace
 
 int main(int argc, char** argv) {
+    useSingleHeap();
     (void)std::signal(SIGPIPE, SIG_IGN);  // a write to a closed socket fails instead of ending the process
     Invocation invocation = parseCommandLine(argc, argv);
     SharedSlots slots;
