@@ -19,7 +19,8 @@ std::string device(const std::string& port, const std::string& more = "", const 
     boost::json::object members = {{"id", 1},       {"vid", 1133},       {"pid", 49948},
                                    {"rev", 256},    {"port", port},      {"built-in", false},
                                    {"name", "Kbd"}, {"state", "shared"}, {"serial", ""}};
-    for (const auto& member : boost::json::parse("{" + more + "}").as_object()) {
+    const boost::json::value added = boost::json::parse("{" + more + "}");
+    for (const auto& member : added.as_object()) {
         members[member.key()] = member.value();
     }
     members.erase(leftOut);

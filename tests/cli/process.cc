@@ -6,7 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -192,7 +192,7 @@ void Process::spawn(const Command& command, const int childEnds[3]) {
         ADD_FAILURE() << "cannot start " << command.path << ": " << strerror(error);
         return;
     }
-    pidFd_ = pidfd_open(pid_, 0);
+    pidFd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
     EXPECT_NE(-1, pidFd_) << strerror(errno);
 }
 

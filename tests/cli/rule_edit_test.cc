@@ -252,11 +252,10 @@ TEST_F(RuleEdit, EveryCharacterButNTriesAgain) {
     EXPECT_EQ(6U, runs());
 }
 
-TEST_F(RuleEdit, EndOfInputTriesAgain) {
-    const std::string script = "test $(wc -l < /tmp/runs) -ge 4 && echo block > $1";
-    expectSuccess(converse(edit(editor(script)), wholeTransaction()), kOneRule,
-                  std::string(kEditorTrouble) + kEditorTrouble + kEditorTrouble);
-    EXPECT_EQ(4U, runs());
+// Without input no key can ever come: the tool does not start editors for ever.
+TEST_F(RuleEdit, EndedInputGivesUpAFailingEditor) {
+    expectGivenUp(converse(edit(editor(kFailsAlways)), fetch()), kTwoRulesText, kEditorTrouble);
+    EXPECT_EQ(1U, runs());
 }
 
 TEST_F(RuleEdit, BadRulesMayBeGivenUp) {
@@ -433,7 +432,19 @@ TEST_F(RuleEditTerminal, EndOfInputAsksForever) {
     EXPECT_EQ(kParsingError, exchange.tool.err);
 }
 
-TEST_F(RuleEditTerminal, HangUpKeyAsksAgainToo) {
+// At a terminal the end-of-file key is a key like any other.
+TEST_F(RuleEditTerminal, EndOfFileKeyTriesAFailingEditorAgain) {
+    FakeDaemon daemon(fetch());
+    Process process(atTerminal(editor(kFailsAlways)));
+    ASSERT_TRUE(process.waitForOut(kEditorTrouble));
+    process.type("\x04");
+    ASSERT_TRUE(process.waitForOut(kEditorTrouble, 2));
+    process.type("n\n");
+    expectGivenUp(finish(process, daemon), kTwoRulesText, std::string(kEditorTrouble) + kEditorTrouble);
+    EXPECT_EQ(2U, runs());
+}
+
+TEST_F(RuleEditTerminal, EndOfFileKeyAsksAgain) {
     FakeDaemon daemon(fetch());
     Process process(atTerminal(editor(kWritesNonsense)));
     ASSERT_TRUE(process.waitForOut(kEditAgain));

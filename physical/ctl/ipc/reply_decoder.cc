@@ -34,7 +34,11 @@ DecodeResult ReplyDecoder::decode(std::string_view body) noexcept {
             return DecodeResult::kInvalid;
         }
         value_.emplace(parser.release());
-        return value_->is_object() ? DecodeResult::kObject : DecodeResult::kNotObject;
+        if (value_->is_object()) {
+            return DecodeResult::kObject;
+        }
+        // A string, a number or a literal alone is only a fragment of a JSON text.
+        return value_->is_array() ? DecodeResult::kNotObject : DecodeResult::kInvalid;
     } catch (const std::exception&) {
         return DecodeResult::kInvalid;  // no memory: the text cannot be decoded
     }

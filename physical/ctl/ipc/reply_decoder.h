@@ -12,8 +12,8 @@
 
 enum class DecodeResult {
     kObject,     ///< object() is the dictionary
-    kNotObject,  ///< valid JSON whose top-level value is something else
-    kInvalid,    ///< not JSON: syntax, UTF-8, nesting over kMaxJsonDepth, or no memory to hold it
+    kNotObject,  ///< valid JSON whose top-level value is an array
+    kInvalid,    ///< not JSON: syntax, UTF-8, nesting over kMaxJsonDepth, a fragment, or no memory to hold it
 };
 
 inline constexpr std::size_t kMaxJsonDepth = 512;

@@ -84,7 +84,10 @@ bool readStdin(std::string& content) {
         content.append(chunk, count);
         if (std::ferror(stdin) != 0 && errno == EINTR) {
             std::clearerr(stdin);  // a signal is no end
-        } else if (count == 0) {
+            continue;
+        }
+        // A terminal tells its end once: another read would wait for a second Ctrl-D.
+        if (count == 0 || std::feof(stdin) != 0) {
             return std::ferror(stdin) == 0;
         }
     }

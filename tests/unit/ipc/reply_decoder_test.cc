@@ -19,9 +19,15 @@ TEST(ReplyDecoder, ObjectIsKept) {
     EXPECT_EQ(arrayMember(decoder.object(), "n")->size(), 2U);
 }
 
-TEST(ReplyDecoder, OtherTopLevelValuesAreNoObject) {
-    for (const char* body : {"[]", "[{}]", "\"x\"", "1", "-0.5", "true", "false", "null"}) {
+TEST(ReplyDecoder, ArrayIsNoObject) {
+    for (const char* body : {"[]", "[{}]", " [1]\n"}) {
         EXPECT_EQ(decode(body), DecodeResult::kNotObject) << body;
+    }
+}
+
+TEST(ReplyDecoder, FragmentsAreInvalid) {
+    for (const char* body : {"\"x\"", "1", "-0.5", "true", "false", "null"}) {
+        EXPECT_EQ(decode(body), DecodeResult::kInvalid) << body;
     }
 }
 
