@@ -44,8 +44,8 @@ std::string usageText(std::string_view programName) {
 Exchange finish(Process& process, FakeDaemon& daemon) {
     Exchange exchange;
     exchange.tool = process.wait();
-    exchange.scriptDone = daemon.isScriptDone();
     daemon.finish();
+    exchange.scriptDone = daemon.isScriptDone();
     exchange.connections = daemon.connections();
     exchange.requests = daemon.requests();
     EXPECT_EQ("", daemon.leftovers());

@@ -66,6 +66,10 @@ struct Ending {
     Words words;
 };
 
+void PrintTo(const Ending& row, std::ostream* out) {
+    *out << row.name;
+}
+
 class PrefFirstFrame : public ::testing::TestWithParam<Ending> {};
 
 // Whatever comes first is taken as the reply, whatever its code.
