@@ -68,9 +68,11 @@ Thread::~Thread() {
 }
 
 void Thread::start() noexcept {
+    // The body may destroy this object as soon as it runs.
+    const std::shared_ptr<State> kept = state;
     Phase expected = Phase::kParked;
-    if (state->phase.compare_exchange_strong(expected, Phase::kRunning, std::memory_order_acq_rel)) {
-        state->phase.notify_one();
+    if (kept->phase.compare_exchange_strong(expected, Phase::kRunning, std::memory_order_acq_rel)) {
+        kept->phase.notify_one();
     }
 }
 
