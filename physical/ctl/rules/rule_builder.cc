@@ -8,10 +8,23 @@
 
 namespace {
 
+/// For each byte, where the keywords begin that begin with it; the table's size where there is none.
+constexpr std::array<std::uint8_t, 256> kFirstKeyword = [] {
+    std::array<std::uint8_t, 256> first{};
+    first.fill(kRuleKeywords.size());
+    for (std::size_t at = kRuleKeywords.size(); at > 0; --at) {
+        first[static_cast<unsigned char>(kRuleKeywords[at - 1].text.front())] =
+            static_cast<std::uint8_t>(at - 1);
+    }
+    return first;
+}();
+
+/// token  not empty
 const RuleKeyword* findKeyword(std::string_view token) noexcept {
-    for (const RuleKeyword& keyword : kRuleKeywords) {
-        if (keyword.text == token) {
-            return &keyword;
+    std::size_t at = kFirstKeyword[static_cast<unsigned char>(token.front())];
+    for (; at < kRuleKeywords.size() && kRuleKeywords[at].text.front() == token.front(); ++at) {
+        if (kRuleKeywords[at].text == token) {
+            return &kRuleKeywords[at];
         }
     }
     return nullptr;
@@ -29,10 +42,22 @@ bool endsHost(char byte) noexcept {
     return byte == ',' || isRuleSpace(byte);
 }
 
+std::size_t countHosts(std::string_view argument) noexcept {
+    std::size_t count = 0;
+    bool between = true;
+    for (const char byte : argument) {
+        const bool separator = endsHost(byte);
+        count += between && !separator ? 1 : 0;
+        between = separator;
+    }
+    return count;
+}
+
 }  // namespace
 
 JsonArray makeHostArray(std::string_view argument, const JsonStorage& storage) {
     JsonArray hosts(storage);
+    hosts.reserve(countHosts(argument));
     auto end = argument.begin();
     for (;;) {
         const auto start = std::find_if_not(end, argument.end(), endsHost);
@@ -45,7 +70,7 @@ JsonArray makeHostArray(std::string_view argument, const JsonStorage& storage) {
 }
 
 void RuleBuilder::setText(RuleField field, std::string_view text) noexcept {
-    texts_[index(field)] = text;
+    texts_[index(field)] = {text.data(), text.size()};
     present_ |= bit(field);
 }
 
@@ -152,17 +177,24 @@ bool RuleBuilder::takeTriple(std::string_view token) noexcept {
     return count != 0;
 }
 
-JsonValue RuleBuilder::value(RuleField field, const JsonStorage& storage) const {
-    const std::string_view text = texts_[index(field)];
-    switch (kRuleFields[index(field)].value) {
+void RuleBuilder::emplace(JsonObject& record, RuleField field) const {
+    const auto [name, form] = kRuleFields[index(field)];
+    const boost::json::string_view key(name.data(), name.size());
+    switch (form) {
         case RuleValue::kString:
-            return JsonValue(JsonString(text.data(), text.size(), storage));
+            record.emplace(key,
+                           boost::json::string_view(texts_[index(field)].data, texts_[index(field)].size));
+            break;
         case RuleValue::kStrings:
-            return JsonValue(makeHostArray(text, storage));
+            record.emplace(
+                key, makeHostArray({texts_[index(field)].data, texts_[index(field)].size}, record.storage()));
+            break;
         case RuleValue::kNumber:
-            return JsonValue(numbers_[index(field)], storage);
-        default:
-            return JsonValue(numbers_[index(field)] != 0, storage);
+            record.emplace(key, numbers_[index(field)]);
+            break;
+        case RuleValue::kBoolean:
+            record.emplace(key, numbers_[index(field)] != 0);
+            break;
     }
 }
 
@@ -170,9 +202,7 @@ JsonObject RuleBuilder::record(const JsonStorage& storage) const {
     JsonObject record(storage);
     record.reserve(static_cast<std::size_t>(std::popcount(present_)));
     for (std::uint32_t left = present_; left != 0; left &= left - 1) {
-        const auto field = static_cast<RuleField>(std::countr_zero(left));
-        const std::string_view key = ruleKey(field);
-        record.emplace({key.data(), key.size()}, value(field, storage));
+        emplace(record, static_cast<RuleField>(std::countr_zero(left)));
     }
     return record;
 }

@@ -3,6 +3,7 @@
 #define RV_RULES_RULE_BUILDER_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -18,6 +19,8 @@ JsonArray makeHostArray(std::string_view argument, const JsonStorage& storage);
 /// final size and a refused line costs no memory. Used by one thread.
 class RuleBuilder {
   public:
+    RuleBuilder() noexcept {}  // leaves the values of absent fields unset
+
     /// Takes the next token; it must stay valid until record(). False when the line is refused.
     bool take(std::string_view token) noexcept;
 
@@ -37,18 +40,24 @@ class RuleBuilder {
     bool takeMatch(std::string_view token) noexcept;
     bool takeText(std::string_view token) noexcept;
     bool takeTriple(std::string_view token) noexcept;
-    JsonValue value(RuleField field, const JsonStorage& storage) const;
+    void emplace(JsonObject& record, RuleField field) const;
 
     static constexpr std::uint32_t bit(RuleField field) noexcept {
         return std::uint32_t{1} << static_cast<unsigned>(field);
     }
 
-    std::uint32_t present_ = 0;             ///< one bit per field
-    const RuleKeyword* pending_ = nullptr;  ///< the keyword that waits for its argument
-    std::string_view match_;                ///< the match word, once `name` waits for the name
+    /// A view without a default, so that nothing is written for the fields that a rule does not have.
+    struct Text {
+        const char* data;
+        std::size_t size;
+    };
+
+    std::uint32_t present_ = 0;  ///< one bit per field; only these have a value below
     bool negated_ = false;
-    std::array<std::string_view, kRuleFieldCount> texts_;  ///< of string fields and of `host`
-    std::array<std::uint16_t, kRuleFieldCount> numbers_;  ///< of number and boolean fields; set where present
+    const RuleKeyword* pending_ = nullptr;                ///< the keyword that waits for its argument
+    std::string_view match_;                              ///< the match word, once `name` waits for the name
+    std::array<Text, kRuleFieldCount> texts_;             ///< of string fields and of `host`
+    std::array<std::uint16_t, kRuleFieldCount> numbers_;  ///< of number and boolean fields
 };
 
 #endif

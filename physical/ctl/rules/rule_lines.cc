@@ -15,14 +15,30 @@ constexpr std::array<bool, 256> kSpecial = [] {
     return special;
 }();
 
-bool isSpecial(char byte) noexcept {
-    return kSpecial[static_cast<unsigned char>(byte)];
+/// The first position from `at` on where a special byte is, or `last`.
+std::size_t findSpecial(std::string_view text, std::size_t at, std::size_t last) noexcept {
+    while (at < last && !kSpecial[static_cast<unsigned char>(text[at])]) {
+        ++at;
+    }
+    return at;
 }
 
 }  // namespace
 
 bool RuleLines::endsLine(std::size_t at) const noexcept {
     return text_[at] == '\n' || text_[at] == '\0';
+}
+
+/// Of a special byte other than a quote, not the last of the text.
+bool RuleLines::stopsRun(std::size_t at) const noexcept {
+    switch (text_[at]) {
+        case '#':
+            return !quoted_;
+        case '\\':
+            return text_[at + 1] == '\n';
+        default:
+            return true;
+    }
 }
 
 // The last byte of the text is never skipped here: finish() has its own rule for it.
@@ -70,18 +86,17 @@ void RuleLines::append(std::string_view bytes) {
 // into text. Held by RuleLines.QuoteFlagOutlivesTheLine.
 void RuleLines::takeRun() {
     const std::size_t start = at_;
-    for (; at_ + 1 < text_.size(); ++at_) {
-        const char byte = text_[at_];
-        if (!isSpecial(byte)) {
-            continue;
-        }
-        if (byte == '"') {
+    const std::size_t last = text_.size() - 1;
+    for (std::size_t at = start;; ++at) {
+        at = findSpecial(text_, at, last);
+        if (at < last && text_[at] == '"') {
             quoted_ = !quoted_;
-        } else if (byte == '#' ? !quoted_ : byte != '\\' || text_[at_ + 1] == '\n') {
-            break;
+        } else if (at == last || stopsRun(at)) {
+            at_ = at;
+            append(text_.substr(start, at - start));
+            return;
         }
     }
-    append(text_.substr(start, at_ - start));
 }
 
 // Hands out the current line, if it has any bytes, and begins the next one.

@@ -72,38 +72,42 @@ RuleSet refuse(const char* message) noexcept {
     return {};
 }
 
-/// Deliberate: everything that strtoul(3) takes is taken: no digits at all in an empty part (0), a sign, a
-/// "0x", leading white space, and values that do not fit (ULONG_MAX). Rule files rely on it, `1234::` being
-/// the shortest way to write two zeros. Held by RuleTriple.WhatStrtoulTakesIsTaken.
-bool readHexadecimal(std::string_view part, unsigned long& value) {
-    const char* const last = part.data() + part.size();
-    const auto [end, error] = std::from_chars(part.data(), last, value, 16);
-    if (error == std::errc{} && end == last) {
-        return true;  // digits only, the usual case
-    }
+// Deliberate: everything that strtoul(3) takes is taken: no digits at all in an empty part (0), a sign, a
+// "0x", leading white space, and values that do not fit (ULONG_MAX). Rule files rely on it, `1234::` being
+// the shortest way to write two zeros. Held by RuleTriple.WhatStrtoulTakesIsTaken.
+bool convertPart(std::string_view part, unsigned long& value) {
     const std::string terminated(part);
     char* stop = nullptr;
     value = std::strtoul(terminated.c_str(), &stop, 16);
     return stop == terminated.c_str() + terminated.size();
 }
 
-std::size_t readTriple(std::string_view argument, RuleTriple& values) {
+/// Reads the number at the front of `rest`, up to a ":" or the end, and removes it.
+bool readPart(std::string_view& rest, unsigned long& value) {
+    const char* const last = rest.data() + rest.size();
+    const auto [stop, error] = std::from_chars(rest.data(), last, value, 16);
+    if (error == std::errc{} && (stop == last || *stop == ':')) {
+        rest.remove_prefix(static_cast<std::size_t>(stop - rest.data()));
+        return true;  // digits only, the usual case
+    }
+    const std::string_view part = rest.substr(0, rest.find(':'));
+    rest.remove_prefix(part.size());
+    return convertPart(part, value);
+}
+
+std::size_t readTriple(std::string_view rest, RuleTriple& values) {
     RuleTriple read{};
-    std::size_t count = 0;
-    for (std::size_t start = 0;;) {
-        const std::size_t colon = argument.find(':', start);
-        const std::string_view part = argument.substr(start, colon - start);
-        if (count == read.size() || !readHexadecimal(part, read[count])) {
+    for (std::size_t count = 0; count < read.size(); rest.remove_prefix(1)) {
+        if (!readPart(rest, read[count])) {
             return 0;
         }
         ++count;
-        if (colon == std::string_view::npos) {
-            break;
+        if (rest.empty()) {
+            std::copy_n(read.begin(), count, values.begin());
+            return count;
         }
-        start = colon + 1;
     }
-    std::copy_n(read.begin(), count, values.begin());
-    return count;
+    return 0;  // a fourth part
 }
 
 }  // namespace

@@ -103,18 +103,19 @@ struct RuleKeyword {
     bool negatable;      ///< false: a "!" before the keyword is an error
 };
 
+/// Keywords with the same first byte stand together: the builder looks a word up by it.
 inline constexpr std::array<RuleKeyword, 15> kRuleKeywords = {{
     {"!", RuleWord::kNegation, RuleField::kAction, RuleField::kAction, true},
     {"share", RuleWord::kAction, RuleField::kAction, RuleField::kAction, false},
+    {"serial", RuleWord::kText, RuleField::kSerial, RuleField::kNotSerial, true},
     {"block", RuleWord::kAction, RuleField::kAction, RuleField::kAction, false},
-    {"quick", RuleWord::kFlag, RuleField::kQuick, RuleField::kQuick, false},
     {"built-in", RuleWord::kFlag, RuleField::kBuiltIn, RuleField::kBuiltIn, true},
+    {"quick", RuleWord::kFlag, RuleField::kQuick, RuleField::kQuick, false},
     {"host", RuleWord::kHosts, RuleField::kHost, RuleField::kNotHost, true},
+    {"hwid", RuleWord::kTriple, RuleField::kVid, RuleField::kNotHwid, true},
     {"rdesk", RuleWord::kFlag, RuleField::kRdesk, RuleField::kRdesk, true},
     {"name", RuleWord::kName, RuleField::kName, RuleField::kNotName, true},
-    {"serial", RuleWord::kText, RuleField::kSerial, RuleField::kNotSerial, true},
     {"port", RuleWord::kText, RuleField::kPort, RuleField::kNotPort, true},
-    {"hwid", RuleWord::kTriple, RuleField::kVid, RuleField::kNotHwid, true},
     {"class", RuleWord::kTriple, RuleField::kClass, RuleField::kNotClass, true},
     {"override-name", RuleWord::kText, RuleField::kOverrideName, RuleField::kOverrideName, false},
     {"override-serial", RuleWord::kText, RuleField::kOverrideSerial, RuleField::kOverrideSerial, false},

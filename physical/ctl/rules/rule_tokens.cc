@@ -1,6 +1,5 @@
 #include "rules/rule_tokens.h"
 
-#include <algorithm>
 #include <array>
 
 #include "ipc/utf8.h"
@@ -8,22 +7,33 @@
 
 namespace {
 
-/// Bytes at which a run of plain token bytes ends.
-constexpr std::array<bool, 256> kSpecial = [] {
-    std::array<bool, 256> special{};
+using ByteSet = std::array<bool, 256>;
+
+/// The bytes at which a run of plain token bytes ends, outside quotes ([0]) and inside ([1]).
+constexpr std::array<ByteSet, 2> kStops = [] {
+    std::array<ByteSet, 2> stops{};
     for (const unsigned char byte : {'"', '\\', ' ', '\t', '\n', '\v', '\f', '\r'}) {
-        special[byte] = true;
+        stops[0][byte] = true;
+        stops[1][byte] = byte == '"' || byte == '\\';
     }
-    return special;
+    return stops;
 }();
 
-bool isSpecial(char byte) noexcept {
-    return kSpecial[static_cast<unsigned char>(byte)];
+/// The first position from `at` on where a byte of `stops` is, or the line's end.
+std::size_t findStop(std::string_view line, std::size_t at, const ByteSet& stops) noexcept {
+    while (at < line.size() && !stops[static_cast<unsigned char>(line[at])]) {
+        ++at;
+    }
+    return at;
 }
 
+/// Looks at every byte, so that the compiler can look at many at once.
 bool isAscii(std::string_view bytes) noexcept {
-    return std::none_of(bytes.begin(), bytes.end(),
-                        [](char byte) { return static_cast<unsigned char>(byte) > 0x7f; });
+    unsigned char all = 0;
+    for (const char byte : bytes) {
+        all = static_cast<unsigned char>(all | static_cast<unsigned char>(byte));
+    }
+    return all <= 0x7f;
 }
 
 }  // namespace
@@ -76,9 +86,7 @@ void RuleTokens::readBuffer() {
     copied_ = false;
     while (at_ < line_.size()) {
         const std::size_t start = at_;
-        while (at_ < line_.size() && (!isSpecial(line_[at_]) || (quoted_ && isRuleSpace(line_[at_])))) {
-            ++at_;
-        }
+        at_ = findStop(line_, start, kStops[quoted_ ? 1 : 0]);
         append(start, at_ - start);
         if (at_ == line_.size()) {
             return;

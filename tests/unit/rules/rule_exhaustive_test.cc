@@ -1,0 +1,74 @@
+// Every short text over the bytes that mean something, alone and behind beginnings that lead into each kind
+// of argument.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "captured_stderr.h"
+#include "rule_checks.h"
+#include "rule_text.h"
+
+namespace {
+
+const std::string kBytes = bytes(" \"\\#!\n\0ab\xff");
+
+struct Beginning {
+    const char* name;
+    const char* text;
+};
+
+class RuleExhaustive : public testing::TestWithParam<Beginning> {};
+
+struct Counts {
+    std::size_t texts = 0;
+    std::size_t accepted = 0;
+    std::size_t reread = 0;
+};
+
+/// Checks every text that is `prefix` and up to `more` bytes.
+void checkAll(std::string& prefix, std::size_t more, CapturedStderr& messages, Counts& counts) {
+    const RuleTextCheck check = checkRuleText(prefix, messages);
+    ++counts.texts;
+    counts.accepted += check.accepted ? 1 : 0;
+    counts.reread += check.printedAndReread ? 1 : 0;
+    if (!check.failure.empty()) {
+        ADD_FAILURE() << testing::PrintToString(prefix) << ": " << check.failure;
+    }
+    if (more == 0 || testing::Test::HasFailure()) {
+        return;
+    }
+    for (const char byte : kBytes) {
+        prefix.push_back(byte);
+        checkAll(prefix, more - 1, messages, counts);
+        prefix.pop_back();
+    }
+}
+
+TEST_P(RuleExhaustive, EveryEndingOfUpToFiveBytes) {
+    std::string text = GetParam().text;
+    Counts counts;
+    {
+        CapturedStderr messages;
+        checkAll(text, 5, messages, counts);
+    }
+    EXPECT_EQ(counts.texts, 111111U);
+    EXPECT_GT(counts.accepted, 0U);
+    EXPECT_GT(counts.reread, 0U);
+    EXPECT_LT(counts.accepted, counts.texts);
+}
+
+const Beginning kBeginnings[] = {
+    {"Nothing", ""},
+    {"Share", "share "},
+    {"Name", "share name is "},
+    {"Host", "share host "},
+    {"HostInQuotes", "share host \""},
+    {"Port", "share port "},
+    {"Hwid", "block hwid a:"},
+    {"SecondLineWithOddQuote", "share port b\"\nblock serial "},
+};
+
+INSTANTIATE_TEST_SUITE_P(After, RuleExhaustive, testing::ValuesIn(kBeginnings),
+                         [](const auto& beginning) { return std::string(beginning.param.name); });
+
+}  // namespace
