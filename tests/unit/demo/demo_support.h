@@ -27,6 +27,7 @@ inline RuleSet ruleSet(std::string_view text) {
 /// "4 {...}", one for each event.
 inline std::vector<std::string> texts(const std::vector<Event>& events) {
     std::vector<std::string> result;
+    result.reserve(events.size());
     for (const Event& event : events) {
         result.push_back(std::to_string(event.command) + " " + boost::json::serialize(event.body));
     }
