@@ -3,7 +3,6 @@
 /// kevent() applies its changes one after the other, answers failures with records, and goes on to collect
 /// events (kevent_collect.h) if there were none.
 #include <errno.h>
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -69,12 +68,22 @@ int applyChanges(Kqueue& queue, const struct kevent* changes, int nchanges, stru
     return records;
 }
 
-/// Ends a call that does not collect events. If the kernel was not asked about the queue's descriptor so far,
-/// it is now: a closed queue has no changes that fail or succeed.
+/// True if the number is an epoll instance. The list of this wait cannot be written to, so that nothing is taken from
+/// the instance: what is ready makes the call fail with EFAULT and stays ready.
+bool isEpoll(int fd) {
+    auto* nowhere = reinterpret_cast<epoll_event*>(uintptr_t{1});
+    return epoll_wait(fd, nowhere, 1, 0) != -1 || errno == EFAULT;
+}
+
+/// Ends a call that does not collect events. If the kernel was not asked about the queue's descriptor so far, it is now:
+/// a closed queue has no changes that fail or succeed.
 int finishChanges(Kqueue& queue, int result) {
     const int error = errno;
     handToEpoll(queue, false);
-    if (!queue.kernelSeen && fcntl(queue.fd, F_GETFD) == -1) return -1;  // EBADF
+    if (!queue.kernelSeen && !isEpoll(queue.fd)) {
+        errno = EBADF;
+        return -1;
+    }
     errno = error;
     return result;
 }

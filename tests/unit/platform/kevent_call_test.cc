@@ -1,0 +1,254 @@
+/// The call itself: arguments, time-outs, interruptions, and the life of the queue's descriptor.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "kevent_support.h"
+
+namespace {
+
+using namespace keventtest;
+
+extern "C" int keventHeaderInC(void);
+
+TEST(KeventCall, RecordHasTheLayoutOfTheSystemsThatHaveIt) {
+    EXPECT_EQ(sizeof(struct kevent), 32U);
+    EXPECT_EQ(offsetof(struct kevent, ident), 0U);
+    EXPECT_EQ(offsetof(struct kevent, filter), 8U);
+    EXPECT_EQ(offsetof(struct kevent, flags), 10U);
+    EXPECT_EQ(offsetof(struct kevent, fflags), 12U);
+    EXPECT_EQ(offsetof(struct kevent, data), 16U);
+    EXPECT_EQ(offsetof(struct kevent, udata), 24U);
+}
+
+TEST(KeventCall, HeaderServesC) {
+    EXPECT_EQ(keventHeaderInC(), 0);
+}
+
+TEST(KeventCall, NoRoomNeverWaits) {
+    const Queue queue;
+    EXPECT_EQ(kevent(queue.fd(), nullptr, 0, nullptr, 0, nullptr), 0);
+}
+
+TEST(KeventCall, ZeroTimeoutPolls) {
+    const Queue queue;
+    EXPECT_TRUE(queue.collect(0).empty());
+}
+
+TEST(KeventCall, TimeoutReturnsZeroAfterTheTime) {
+    const Queue queue;
+    const int64_t begin = nowMs();
+    EXPECT_TRUE(queue.collect(20).empty());
+    EXPECT_GE(nowMs() - begin, 19);
+}
+
+TEST(KeventCall, ShortTimeoutIsNotRoundedToNothing) {
+    const Queue queue;
+    struct kevent event {};
+    const timespec halfMs{0, 500'000};
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(kevent(queue.fd(), nullptr, 0, &event, 1, &halfMs), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::microseconds(5000));
+}
+
+TEST(KeventCall, MalformedTimeoutsAreInvalid) {
+    const Queue queue;
+    struct kevent event {};
+    for (const timespec timeout : {timespec{0, -1}, timespec{0, 1'000'000'000}, timespec{-1, 0}}) {
+        errno = 0;
+        EXPECT_EQ(kevent(queue.fd(), nullptr, 0, &event, 1, &timeout), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+}
+
+TEST(KeventCall, MalformedTimeoutAppliesNoChange) {
+    const Queue queue;
+    struct kevent event {};
+    const auto timer = change(1, EVFILT_TIMER, kArm, 0);
+    const timespec timeout{0, -1};
+    EXPECT_EQ(kevent(queue.fd(), &timer, 1, &event, 1, &timeout), -1);
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventCall, HugeTimeoutIsNoOverflow) {
+    const Queue queue;
+    struct kevent event {};
+    const auto timer = change(1, EVFILT_TIMER, kArm, 1);
+    const timespec timeout{LONG_MAX, 999'999'999};
+    EXPECT_EQ(kevent(queue.fd(), &timer, 1, &event, 1, &timeout), 1);
+}
+
+TEST(KeventCall, NegativeCountsAreInvalid) {
+    const Queue queue;
+    struct kevent event {};
+    EXPECT_EQ(kevent(queue.fd(), &event, -1, nullptr, 0, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kevent(queue.fd(), nullptr, 0, &event, -1, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(KeventCall, DescriptorThatIsNoQueueIsBad) {
+    struct kevent event {};
+    const timespec none{};
+    const Pair pair = pipePair();
+    for (const int fd : {-1, pair.reader.get(), INT_MAX}) {
+        errno = 0;
+        EXPECT_EQ(kevent(fd, nullptr, 0, &event, 1, &none), -1);
+        EXPECT_EQ(errno, EBADF);
+        EXPECT_EQ(kevent(fd, nullptr, 0, nullptr, 0, nullptr), -1);
+    }
+}
+
+TEST(KeventCall, ClosedQueueIsBad) {
+    Queue queue;
+    const int number = queue.fd();
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(1, EVFILT_TIMER, kArm, 0)), 0);
+    queue.close();
+    struct kevent event = change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm);
+    const timespec none{};
+    EXPECT_EQ(kevent(number, nullptr, 0, nullptr, 0, nullptr), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(kevent(number, nullptr, 0, &event, 1, &none), -1);
+    EXPECT_EQ(kevent(number, &event, 1, &event, 1, &none), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(KeventCall, NumberOfAClosedQueueThatIsAnotherFileIsBad) {
+    Queue queue;
+    const int number = queue.fd();
+    queue.close();
+    const Pair pair = pipePair();
+    ASSERT_TRUE(pair.reader.get() == number || pair.writer.get() == number);
+    struct kevent event {};
+    const timespec none{};
+    EXPECT_EQ(kevent(number, nullptr, 0, &event, 1, &none), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(KeventCall, QueueUnderAnOldNumberStartsEmpty) {
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "left");
+    const auto read = change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm);
+    Queue first;
+    const int number = first.fd();
+    ASSERT_EQ(first.apply(read), 0);
+    ASSERT_EQ(first.apply(change(1, EVFILT_TIMER, kArm, 0)), 0);
+    first.close();
+    const Queue second;
+    ASSERT_EQ(second.fd(), number);
+    EXPECT_TRUE(second.collect().empty());
+    EXPECT_EQ(second.apply(change(1, EVFILT_TIMER, EV_DELETE)), ENOENT);
+    EXPECT_EQ(second.apply(read), 0);
+    EXPECT_EQ(second.next().data, 4);
+}
+
+TEST(KeventCall, QueueIsCloseOnExec) {
+    const Queue queue;
+    EXPECT_EQ(fcntl(queue.fd(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST(KeventCall, QueueOwnsNoDescriptorBesideItsOwn) {
+    const Pair pair = unixPair();
+    Queue queue;
+    for (uint64_t ident = 0; ident < 100; ++ident) {
+        ASSERT_EQ(queue.apply(change(ident, EVFILT_TIMER, kArm, 1000)), 0);
+    }
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm)), 0);
+    queue.collect();
+    const Fd after(dup(0));
+    EXPECT_EQ(after.get(), queue.fd() + 1);
+}
+
+TEST(KeventCall, ForkDoesNotInheritTheQueue) {
+    const Queue queue;
+    ASSERT_EQ(queue.apply(change(1, EVFILT_TIMER, kArm, 0)), 0);
+    const pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        struct kevent event {};
+        const timespec none{};
+        const int n = kevent(queue.fd(), nullptr, 0, &event, 1, &none);
+        _exit(n == -1 && errno == EBADF ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(queue.collect(kLimitMs).size(), 1U);
+}
+
+TEST(KeventCall, ChildMakesQueuesOfItsOwnUnderTheOldNumber) {
+    const Queue queue;
+    const pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        ::close(queue.fd());
+        const int own = kqueue();
+        struct kevent event = change(5, EVFILT_TIMER, kArm, 0);
+        const int n = kevent(own, &event, 1, &event, 1, nullptr);
+        _exit(own == queue.fd() && n == 1 && event.ident == 5 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+void onAlarm(int) {}
+
+TEST(KeventCall, SignalInterruptsTheWaitAfterTheChanges) {
+    const Queue queue;
+    struct sigaction action {};
+    action.sa_handler = onAlarm;
+    action.sa_flags = SA_RESTART;  // makes no difference: a wait is never restarted
+    ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
+    // Repeats: a signal before the wait has begun would be lost.
+    const itimerval every{{0, 20'000}, {0, 20'000}};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &every, nullptr), 0);
+    const auto timer = change(1, EVFILT_TIMER, kArm, 3'600'000);
+    struct kevent event {};
+    const int n = kevent(queue.fd(), &timer, 1, &event, 1, nullptr);
+    const int error = errno;
+    const itimerval stop{};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &stop, nullptr), 0);
+    EXPECT_EQ(n, -1);
+    EXPECT_EQ(error, EINTR);
+    EXPECT_EQ(queue.apply(change(1, EVFILT_TIMER, EV_DELETE)), 0);
+}
+
+TEST(KeventCall, ThousandEventsComeInOneCall) {
+    const Queue queue;
+    std::vector<struct kevent> changes;
+    std::vector<Pair> pairs;
+    for (int i = 0; i < 400; ++i) {
+        pairs.push_back(pipePair());
+        writeAll(pairs.back().writer.get(), "x");
+        changes.push_back(change(static_cast<uint64_t>(pairs.back().reader.get()), EVFILT_READ, kArm));
+        changes.push_back(change(static_cast<uint64_t>(pairs.back().writer.get()), EVFILT_WRITE, kArm));
+    }
+    for (uint64_t ident = 0; ident < 200; ++ident) changes.push_back(change(ident, EVFILT_TIMER, kArm, 0));
+    const auto events = queue.collect(kLimitMs, 1000, changes);
+    EXPECT_EQ(events.size(), 1000U);
+}
+
+TEST(KeventCall, SocketsWithBothFiltersFillAListExactly) {
+    const Queue queue;
+    std::vector<struct kevent> changes;
+    std::vector<Pair> pairs;
+    for (int i = 0; i < 200; ++i) {
+        pairs.push_back(unixPair());
+        for (const int fd : {pairs.back().reader.get(), pairs.back().writer.get()}) {
+            writeAll(fd, "x");
+            changes.push_back(change(static_cast<uint64_t>(fd), EVFILT_READ, kArm));
+            changes.push_back(change(static_cast<uint64_t>(fd), EVFILT_WRITE, kArm));
+        }
+    }
+    EXPECT_EQ(queue.collect(kLimitMs, 2000, changes).size(), 800U);
+    EXPECT_EQ(queue.collect(kLimitMs, 800).size(), 800U);
+}
+
+}  // namespace

@@ -1,0 +1,279 @@
+/// The actions and flags of descriptor knotes: replacing, enabling, one-shot, dispatch, clear, and short
+/// lists.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <map>
+
+#include "kevent_support.h"
+
+namespace {
+
+using namespace keventtest;
+
+uint64_t ident(const Fd& fd) {
+    return static_cast<uint64_t>(fd.get());
+}
+
+TEST(KeventFlags, AddOfAnExistingKnoteReplacesItsPointerOnly) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm | EV_ONESHOT, 0, 0, 1)), 0);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_ADD, 0, 0, 2)), 0);
+    const auto event = queue.next();
+    EXPECT_EQ(event.udata, markAddress(2));
+    EXPECT_EQ(event.flags, kArm | EV_ONESHOT);
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventFlags, AddAgainDoesNotMakeASecondKnote) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm)), 0);
+    EXPECT_EQ(queue.collect().size(), 1U);
+    EXPECT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), 0);
+    EXPECT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), ENOENT);
+}
+
+TEST(KeventFlags, FlagsOfTheFirstAddAreReturned) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_ADD)), 0);
+    EXPECT_EQ(queue.next().flags, EV_ADD);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm)), 0);
+    EXPECT_EQ(queue.next().flags, EV_ADD);
+}
+
+TEST(KeventFlags, OneShotIsDeletedOnDelivery) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm | EV_ONESHOT)), 0);
+    EXPECT_EQ(queue.next().flags, kArm | EV_ONESHOT);
+    EXPECT_TRUE(queue.collect().empty());
+    EXPECT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), ENOENT);
+}
+
+TEST(KeventFlags, OneShotLeavesTheOtherFilter) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm | EV_ONESHOT)), 0);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    EXPECT_EQ(queue.collect().size(), 2U);
+    EXPECT_THAT(queue.next(), IsEvent(ident(pair.reader), EVFILT_READ));
+}
+
+TEST(KeventFlags, DispatchIsDisabledOnDelivery) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm | EV_DISPATCH)), 0);
+    EXPECT_EQ(queue.next().flags, kArm | EV_DISPATCH);
+    EXPECT_TRUE(queue.collect().empty());
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_ENABLE)), 0);
+    EXPECT_EQ(queue.next().flags, kArm | EV_DISPATCH);
+    EXPECT_TRUE(queue.collect().empty());
+    EXPECT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), 0);
+}
+
+TEST(KeventFlags, DisabledIsSilentUntilEnabled) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_ADD | EV_DISABLE)), 0);
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_ADD)), 0);
+    EXPECT_TRUE(queue.collect().empty()) << "EV_ADD alone does not enable it";
+    EXPECT_EQ(queue.collect(kLimitMs, 4, {change(ident(pair.reader), EVFILT_READ, EV_ENABLE)}).size(), 1U);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_DISABLE)), 0);
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventFlags, DisabledKnoteOfADeadSocketDoesNotSpin) {
+    const Queue queue;
+    Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_ADD | EV_DISABLE)), 0);
+    pair.writer.reset();
+    timespec before{};
+    timespec after{};
+    ASSERT_EQ(clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before), 0);
+    EXPECT_TRUE(queue.collect(300).empty());
+    ASSERT_EQ(clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after), 0);
+    EXPECT_LT((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1'000'000, 150);
+    EXPECT_EQ(queue.collect(kLimitMs, 4, {change(ident(pair.reader), EVFILT_READ, EV_ENABLE)}).size(), 1U);
+}
+
+TEST(KeventFlags, ClearFiresOncePerChange) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    writeAll(pair.writer.get(), "abc");
+    auto event = queue.next();
+    EXPECT_EQ(event.flags, kArm | EV_CLEAR);
+    EXPECT_EQ(event.data, 3);
+    EXPECT_TRUE(queue.collect().empty());
+    writeAll(pair.writer.get(), "de");
+    EXPECT_EQ(queue.next().data, 5);
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventFlags, ClearFiresForWhatIsThereAlready) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "abc");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    EXPECT_EQ(queue.next().data, 3);
+    EXPECT_TRUE(queue.collect().empty());
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_ENABLE)), 0);
+    EXPECT_EQ(queue.next().data, 3) << "enabling looks again";
+}
+
+TEST(KeventFlags, ClearOnBothFilters) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(queue.collect().size(), 2U);
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventFlags, LevelBesideClearComesWithEveryCall) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = ident(pair.reader);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm)), 0);
+    for (int round = 0; round < 3; ++round) {
+        writeAll(pair.writer.get(), "x");
+        const auto events = queue.collect();
+        EXPECT_EQ(only(events, EVFILT_READ).size(), 1U) << describe(events);
+        EXPECT_EQ(only(events, EVFILT_WRITE).size(), 1U) << describe(events);
+        for (int i = 0; i < 3; ++i) EXPECT_THAT(queue.next(), IsEvent(fd, EVFILT_WRITE));
+    }
+    fill(pair.reader.get());
+    EXPECT_TRUE(only(queue.collect(kSilenceMs), EVFILT_WRITE).empty());
+    ASSERT_EQ(fcntl(pair.writer.get(), F_SETFL, O_NONBLOCK), 0);
+    while (!readSome(pair.writer.get()).empty()) continue;
+    EXPECT_THAT(queue.nextOf(EVFILT_WRITE), IsEvent(fd, EVFILT_WRITE));
+    EXPECT_THAT(queue.nextOf(EVFILT_WRITE), IsEvent(fd, EVFILT_WRITE));
+}
+
+TEST(KeventFlags, LevelReadBesideClearWrite) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = ident(pair.reader);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    EXPECT_THAT(queue.next(), IsEvent(fd, EVFILT_WRITE));
+    EXPECT_TRUE(queue.collect().empty());
+    writeAll(pair.writer.get(), "abc");
+    EXPECT_EQ(queue.nextOf(EVFILT_READ).data, 3);
+    EXPECT_EQ(queue.nextOf(EVFILT_READ).data, 3);
+    readSome(pair.reader.get());
+    EXPECT_TRUE(only(queue.collect(), EVFILT_READ).empty());
+    writeAll(pair.writer.get(), "de");
+    EXPECT_EQ(queue.nextOf(EVFILT_READ).data, 2);
+}
+
+TEST(KeventFlags, DeletedKnoteHasNoEventLeft) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm)), 0);
+    EXPECT_EQ(queue.collect(0, 1).size(), 1U);  // the other filter waits for its turn
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), 0);
+    EXPECT_THAT(queue.next(), IsEvent(ident(pair.reader), EVFILT_READ));
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_DELETE)), 0);
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventFlags, ShortListRotatesThroughTheDescriptors) {
+    const Queue queue;
+    std::vector<Pair> pairs;
+    for (int i = 0; i < 5; ++i) {
+        pairs.push_back(pipePair());
+        writeAll(pairs.back().writer.get(), "x");
+        ASSERT_EQ(queue.apply(change(ident(pairs.back().reader), EVFILT_READ, kArm)), 0);
+    }
+    std::vector<uint64_t> order;
+    for (int i = 0; i < 5; ++i) {
+        const auto events = queue.collect(0, 2);
+        ASSERT_EQ(events.size(), 2U);
+        for (const auto& event : events) order.push_back(event.ident);
+    }
+    for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(order[i], ident(pairs[i % 5].reader)) << i;
+}
+
+/// Both filters of several sockets, and lists of every length: each knote gets its turn.
+TEST(KeventFlags, ShortListsStarveNoFilter) {
+    for (int room = 1; room <= 7; ++room) {
+        const Queue queue;
+        std::vector<Pair> pairs;
+        for (int i = 0; i < 3; ++i) {
+            pairs.push_back(unixPair());
+            writeAll(pairs.back().writer.get(), "x");
+            ASSERT_EQ(queue.apply(change(ident(pairs.back().reader), EVFILT_READ, kArm)), 0);
+            ASSERT_EQ(queue.apply(change(ident(pairs.back().reader), EVFILT_WRITE, kArm)), 0);
+        }
+        std::map<std::pair<uint64_t, int>, int> seen;
+        for (int i = 0; i < 24; ++i) {
+            const auto events = queue.collect(0, room);
+            ASSERT_EQ(events.size(), static_cast<size_t>(std::min(room, 6)));
+            for (const auto& event : events) ++seen[{event.ident, event.filter}];
+        }
+        EXPECT_EQ(seen.size(), 6U) << "room " << room;
+        for (const auto& [knote, times] : seen)
+            EXPECT_GE(times, 24 * std::min(room, 6) / 6 / 3) << "room " << room;
+    }
+}
+
+TEST(KeventFlags, OneSlotServesBothFiltersOfOneEntryInTurn) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm)), 0);
+    std::map<int, int> seen;
+    for (int i = 0; i < 6; ++i) {
+        const auto events = queue.collect(0, 1);
+        ASSERT_EQ(events.size(), 1U);
+        ++seen[events[0].filter];
+    }
+    EXPECT_EQ(seen[EVFILT_READ], 3);
+    EXPECT_EQ(seen[EVFILT_WRITE], 3);
+}
+
+TEST(KeventFlags, OneSlotLosesNoEdge) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    std::map<int, int> seen;
+    for (int i = 0; i < 3; ++i) {
+        for (const auto& event : queue.collect(0, 1)) ++seen[event.filter];
+    }
+    EXPECT_GE(seen[EVFILT_READ], 1);
+    EXPECT_GE(seen[EVFILT_WRITE], 1);
+}
+
+TEST(KeventFlags, NeitherFilesNorSocketsStarveEachOtherInAListOfOne) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const Fd zero(open("/dev/zero", O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(queue.apply(change(ident(null), EVFILT_READ, kArm)), 0);
+    ASSERT_EQ(queue.apply(change(ident(zero), EVFILT_WRITE, kArm)), 0);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm)), 0);
+    std::map<uint64_t, int> seen;
+    for (int i = 0; i < 30; ++i) {
+        for (const auto& event : queue.collect(0, 1)) ++seen[event.ident];
+    }
+    EXPECT_EQ(seen.size(), 3U);
+}
+
+}  // namespace

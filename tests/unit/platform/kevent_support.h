@@ -1,0 +1,125 @@
+/// What the suites of the kernel event queue share: a queue that closes itself, connected pairs, and
+/// collecting with a limit. Everything goes through kqueue() and kevent() alone.
+#ifndef RV_TESTS_UNIT_PLATFORM_KEVENT_SUPPORT_H
+#define RV_TESTS_UNIT_PLATFORM_KEVENT_SUPPORT_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/kevent.h"
+
+namespace keventtest {
+
+/// How long a test waits for an event that must come.
+inline constexpr int kLimitMs = 20'000;
+/// How long a test looks for an event that must not come.
+inline constexpr int kSilenceMs = 30;
+inline constexpr unsigned kArm = EV_ADD | EV_ENABLE;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+/// A descriptor with one owner.
+class Fd {
+  public:
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    Fd(Fd&& other) noexcept : fd_(other.release()) {}
+    Fd& operator=(Fd&& other) noexcept;
+    ~Fd() { reset(); }
+    int get() const { return fd_; }
+    int release();
+    void reset(int fd = -1);
+
+  private:
+    int fd_ = -1;
+};
+
+/// The two ends of a connection: what is written to one is read from the other. The ends of a pipe are
+/// one-way: `reader` only reads.
+struct Pair {
+    Fd reader;
+    Fd writer;
+};
+
+Pair unixPair();
+Pair tcpPair();
+Pair pipePair();
+
+/// A TCP socket that listens on a free port of the loopback address, and a blocking connection to it.
+Fd listenTcp();
+Fd connectTo(int listener);
+
+/// A record; udata is the address of a static place with this number, null for 0.
+struct kevent change(uint64_t ident, int filter, unsigned flags, int64_t data = 0, unsigned fflags = 0,
+                     int mark = 0);
+void* markAddress(int mark);
+
+class Queue {
+  public:
+    Queue();
+    int fd() const { return fd_.get(); }
+    void close() { fd_.reset(); }
+
+    /// Applies one change without collecting; returns 0 or the errno.
+    int apply(const struct kevent& one) const;
+
+    /// At most `room` events; waits at most `ms` for the first. The changes are applied in the same call.
+    std::vector<struct kevent> collect(int ms = 0, int room = 64,
+                                       const std::vector<struct kevent>& changes = {}) const;
+
+    /// The next event alone in the list; a failure and a zero record if none comes in time.
+    struct kevent next() const;
+
+    /// Collects until a call returns an event of this filter; a failure and a zero record if none comes in
+    /// time.
+    struct kevent nextOf(int filter) const;
+
+  private:
+    Fd fd_;
+};
+
+std::string describe(const std::vector<struct kevent>& events);
+
+/// The events of one filter.
+std::vector<struct kevent> only(const std::vector<struct kevent>& events, int filter);
+
+void writeAll(int fd, const std::string& bytes);
+std::string readSome(int fd, size_t limit = 65536);
+
+/// Writes until the descriptor takes no more.
+void fill(int fd);
+
+/// Makes one descriptor write until the kernel has this many bytes at the other end.
+void waitReadable(int fd, int bytes);
+
+/// Resets a TCP connection from this end.
+void resetConnection(Fd& fd);
+
+int64_t nowMs();
+
+MATCHER_P2(IsEvent, ident, filter, "") {
+    return arg.ident == static_cast<uint64_t>(ident) && arg.filter == filter && (arg.flags & EV_ERROR) == 0;
+}
+
+}  // namespace keventtest
+
+/// Printed by GoogleTest.
+void PrintTo(const struct kevent& event, std::ostream* out);
+
+#endif

@@ -1,0 +1,183 @@
+/// Several threads on one queue: a change made by one is seen by another that waits already.
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <thread>
+
+#include "kevent_support.h"
+
+namespace {
+
+using namespace keventtest;
+
+uint64_t ident(const Fd& fd) {
+    return static_cast<uint64_t>(fd.get());
+}
+
+/// The state letter of a thread of this process: 'S' while it sleeps in the kernel.
+char threadState(pid_t tid) {
+    const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
+    FILE* file = fopen(path.c_str(), "re");
+    if (file == nullptr) return '?';
+    char state = '?';
+    if (fscanf(file, "%*d %*s %c", &state) != 1) state = '?';
+    (void)fclose(file);
+    return state;
+}
+
+/// A thread in kevent() without a time-out.
+class Waiter {
+  public:
+    explicit Waiter(const Queue& queue) : thread_([this, fd = queue.fd()] { run(fd); }) {
+        const int64_t limit = nowMs() + kLimitMs;
+        while ((tid_ == 0 || threadState(tid_) != 'S') && nowMs() < limit) std::this_thread::yield();
+    }
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+    ~Waiter() {
+        if (thread_.joinable()) thread_.join();
+    }
+
+    struct kevent finish() {
+        thread_.join();
+        EXPECT_EQ(result_, 1);
+        return event_;
+    }
+
+  private:
+    void run(int fd) {
+        tid_ = gettid();
+        result_ = kevent(fd, nullptr, 0, &event_, 1, nullptr);
+    }
+
+    std::atomic<pid_t> tid_{0};
+    struct kevent event_ {};
+    int result_ = 0;
+    std::thread thread_;  // last: it uses the others
+};
+
+TEST(KeventThreads, DescriptorChangeWakesTheWaiter) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    Waiter waiter(queue);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm)), 0);
+    EXPECT_THAT(waiter.finish(), IsEvent(ident(pair.reader), EVFILT_WRITE));
+}
+
+TEST(KeventThreads, TimerChangeWakesTheWaiter) {
+    const Queue queue;
+    ASSERT_EQ(queue.apply(change(1, EVFILT_TIMER, kArm, 3'600'000)), 0);
+    Waiter waiter(queue);
+    ASSERT_EQ(queue.apply(change(2, EVFILT_TIMER, kArm, 5)), 0);
+    EXPECT_THAT(waiter.finish(), IsEvent(2, EVFILT_TIMER));
+}
+
+TEST(KeventThreads, AlwaysReadyFileWakesTheWaiter) {
+    const Queue queue;
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    const auto fd = static_cast<uint64_t>(fileno(file));
+    Waiter waiter(queue);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm)), 0);
+    EXPECT_THAT(waiter.finish(), IsEvent(fd, EVFILT_WRITE));
+    (void)fclose(file);
+}
+
+TEST(KeventThreads, AnswerArmedByAnotherThreadWakesTheWaiter) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm, 0, 0, 1)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_THAT(queue.next(), IsEvent(ident(pair.reader), EVFILT_READ));
+    readSome(pair.reader.get());
+    Waiter waiter(queue);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm, 0, 0, 1)), 0);
+    EXPECT_THAT(waiter.finish(), IsEvent(ident(pair.reader), EVFILT_WRITE));
+}
+
+TEST(KeventThreads, SeveralWaitersSeeSeveralTimers) {
+    const Queue queue;
+    {
+        Waiter first(queue);
+        Waiter second(queue);
+        Waiter third(queue);
+        for (uint64_t i = 1; i <= 3; ++i) {
+            ASSERT_EQ(queue.apply(change(i, EVFILT_TIMER, kArm | EV_ONESHOT, static_cast<int64_t>(i) * 2)),
+                      0);
+        }
+        const uint64_t sum = first.finish().ident + second.finish().ident + third.finish().ident;
+        EXPECT_EQ(sum, 6U);
+    }
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventThreads, WaiterSurvivesTheExchangeOfTheInstance) {
+    const Queue queue;
+    Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    Waiter waiter(queue);
+    const Fd copy(dup(pair.reader.get()));
+    pair.reader.reset();
+    writeAll(pair.writer.get(), "to the copy");
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    ASSERT_EQ(queue.apply(change(7, EVFILT_TIMER, kArm, 1)), 0);
+    EXPECT_THAT(waiter.finish(), IsEvent(7, EVFILT_TIMER));
+}
+
+TEST(KeventThreads, ChangesFromManyThreadsAllArrive) {
+    const Queue queue;
+    constexpr int kThreads = 4;
+    constexpr int kRounds = kSanitized ? 100 : 1000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&queue, t] {
+            const Pair pair = unixPair();
+            for (int i = 0; i < kRounds; ++i) {
+                const auto fd = ident(pair.reader);
+                EXPECT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm)), 0);
+                EXPECT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+                EXPECT_EQ(queue.apply(change(fd, EVFILT_WRITE, EV_DELETE)), 0);
+                EXPECT_EQ(queue.apply(change(fd, EVFILT_READ, EV_DELETE)), 0);
+            }
+            EXPECT_EQ(queue.apply(change(static_cast<uint64_t>(t), EVFILT_TIMER, kArm | EV_ONESHOT, 1)), 0);
+        });
+    }
+    int timers = 0;
+    const int64_t limit = nowMs() + kLimitMs;
+    while (timers < kThreads && nowMs() < limit) {
+        timers += static_cast<int>(only(queue.collect(50), EVFILT_TIMER).size());
+    }
+    EXPECT_EQ(timers, kThreads);
+    for (auto& thread : threads) thread.join();
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventThreads, WakeUpsByEventfdAreNotLost) {
+    const Queue queue;
+    const Fd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    ASSERT_EQ(queue.apply(change(ident(wake), EVFILT_READ, kArm | EV_CLEAR, 0, 0, 1)), 0);
+    constexpr int kRounds = kSanitized ? 500 : 5000;
+    std::atomic<int> asked{0};
+    std::atomic<int> answered{0};
+    std::thread asker([&] {
+        for (int i = 1; i <= kRounds; ++i) {
+            asked = i;
+            const uint64_t one = 1;
+            EXPECT_EQ(write(wake.get(), &one, sizeof one), static_cast<ssize_t>(sizeof one));
+            while (answered < i) std::this_thread::yield();
+        }
+    });
+    while (answered < kRounds) {
+        const auto events = queue.collect(kLimitMs);
+        if (events.empty()) break;
+        answered = asked.load();
+    }
+    EXPECT_EQ(answered, kRounds);
+    answered = kRounds;
+    asker.join();
+}
+
+}  // namespace
