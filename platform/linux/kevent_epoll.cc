@@ -68,15 +68,16 @@ int applyChanges(Kqueue& queue, const struct kevent* changes, int nchanges, stru
     return records;
 }
 
-/// True if the number is an epoll instance. The list of this wait cannot be written to, so that nothing is taken from
-/// the instance: what is ready makes the call fail with EFAULT and stays ready.
+/// True if the number is an epoll instance. The list of this wait cannot be written to, so that nothing is
+/// taken from the instance: what is ready makes the call fail with EFAULT and stays ready.
 bool isEpoll(int fd) {
-    auto* nowhere = reinterpret_cast<epoll_event*>(uintptr_t{1});
-    return epoll_wait(fd, nowhere, 1, 0) != -1 || errno == EFAULT;
+    const volatile uintptr_t unmapped =
+        1;  // volatile: the compiler would warn of the overflow that is wanted here
+    return epoll_wait(fd, reinterpret_cast<epoll_event*>(unmapped), 1, 0) != -1 || errno == EFAULT;
 }
 
-/// Ends a call that does not collect events. If the kernel was not asked about the queue's descriptor so far, it is now:
-/// a closed queue has no changes that fail or succeed.
+/// Ends a call that does not collect events. If the kernel was not asked about the queue's descriptor so far,
+/// it is now: a closed queue has no changes that fail or succeed.
 int finishChanges(Kqueue& queue, int result) {
     const int error = errno;
     handToEpoll(queue, false);
