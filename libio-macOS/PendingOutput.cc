@@ -9,6 +9,11 @@ void PendingOutput::append(const void* bytes, std::uint64_t size) noexcept {
     if (!tx.append(bytes, size)) lostBytes = true;
 }
 
+bool PendingOutput::isEmpty() const noexcept {
+    const LockGuard guard(txlock);
+    return tx.isEmpty();
+}
+
 PendingOutput::Flushed PendingOutput::flush(int fd, std::int64_t room, bool evenIfEmpty) noexcept {
     const LockGuard guard(txlock);
     const auto limit = static_cast<std::size_t>(std::max<std::int64_t>(room, 0));

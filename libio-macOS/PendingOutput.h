@@ -27,6 +27,9 @@ class PendingOutput {
     /// stream has a hole and must not go on. Any thread.
     void append(const void* bytes, std::uint64_t size) noexcept;
 
+    /// Whether nothing is queued. Any thread.
+    bool isEmpty() const noexcept;
+
     /// Writes queued bytes to the descriptor: one write(2) of at most `room` bytes, and none if there is
     /// nothing to write unless `evenIfEmpty`, in which case a write of 0 bytes is made. What was written
     /// leaves the queue. The I/O thread.
@@ -35,7 +38,7 @@ class PendingOutput {
     Flushed flush(int fd, std::int64_t room, bool evenIfEmpty) noexcept;
 
   private:
-    RecursiveLock txlock;
+    mutable RecursiveLock txlock;
     ByteBuffer tx RV_GUARDED_BY(txlock);
     bool lostBytes RV_GUARDED_BY(txlock) = false;
 };

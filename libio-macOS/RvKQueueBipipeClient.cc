@@ -61,7 +61,15 @@ void RvKQueueBipipeClient::kevent(const struct kevent* record) noexcept {
 void RvKQueueBipipeClient::flush(std::int64_t room) noexcept {
     const PendingOutput::Flushed result = tx.flush(outfd, room, true);
     if (result.written < 1) callEvent(kEventClosed);
-    if (result.remaining == 0) submitWrite(kDisarmFlags);
+    if (result.remaining == 0) disarmWrite();
+}
+
+// Another thread may have queued bytes since the flush, and its arming may stand before the disarming in the
+// list of changes: the filter is then armed once more. Held by
+// LifecycleStress.AWriteThatMeetsTheEndOfAFlushIsSent.
+void RvKQueueBipipeClient::disarmWrite() noexcept {
+    submitWrite(kDisarmFlags);
+    if (!tx.isEmpty()) submitWrite(kArmFlags);
 }
 
 void RvKQueueBipipeClient::write(const void* bytes, std::uint64_t size) noexcept {

@@ -47,6 +47,7 @@ class RvKQueueBipipeClient : public RvKQueueEventProtocol {
 
   private:
     void flush(std::int64_t room) noexcept;
+    void disarmWrite() noexcept;
     void submitRead(std::uint16_t flags) noexcept;
     void submitWrite(std::uint16_t flags) noexcept;
 

@@ -93,7 +93,15 @@ void RvKQueueStreamSocket::finishConnecting(std::uint16_t flags) noexcept {
 void RvKQueueStreamSocket::flush(std::int64_t room) noexcept {
     const PendingOutput::Flushed result = tx.flush(sock, room, false);
     if (result.tried >= 1 && result.written < 1) callEvent(kEventClosed);
-    if (result.remaining == 0) submitWrite(kDisarmFlags);
+    if (result.remaining == 0) disarmWrite();
+}
+
+// Another thread may have queued bytes since the flush, and its arming may stand before the disarming in the
+// list of changes: the filter is then armed once more. Held by
+// LifecycleStress.AWriteThatMeetsTheEndOfAFlushIsSent.
+void RvKQueueStreamSocket::disarmWrite() noexcept {
+    submitWrite(kDisarmFlags);
+    if (!tx.isEmpty()) submitWrite(kArmFlags);
 }
 
 void RvKQueueStreamSocket::write(const void* bytes, std::uint64_t size) noexcept {

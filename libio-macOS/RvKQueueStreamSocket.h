@@ -69,6 +69,7 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
     void receive(std::int64_t available) noexcept;
     void finishConnecting(std::uint16_t flags) noexcept;
     void flush(std::int64_t room) noexcept;
+    void disarmWrite() noexcept;
     void submitRead(std::uint16_t flags) noexcept;
     void submitWrite(std::uint16_t flags) noexcept;
 

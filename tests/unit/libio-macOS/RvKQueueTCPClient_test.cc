@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -113,18 +112,6 @@ TEST_F(RvKQueueTCPClientConnect, AnUnknownFamilyFailsAtCreation) {
     unknown.sa_family = 250;
     EXPECT_FALSE(loop->createTCPClient(&unknown));
     EXPECT_EQ(1, countLogged(LogLevel::kError, kFailure));
-}
-
-TEST_F(RvKQueueTCPClientConnect, WithoutADescriptorItFailsAtCreation) {
-    struct rlimit before;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-    struct rlimit none = before;
-    none.rlim_cur = 0;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-    const auto client = loop->createTCPClient(asSockaddr(address));
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
-    EXPECT_FALSE(client);
-    EXPECT_TRUE(isLogged(LogLevel::kError, kFailure));
 }
 
 TEST_F(RvKQueueTCPClientConnect, SpeaksIPv6) {

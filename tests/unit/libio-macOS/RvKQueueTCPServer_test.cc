@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -143,24 +142,6 @@ TEST_F(RvKQueueTCPServerAccept, ClientAndServerOnOneLoop) {
     loop->write(endpoint, "echo", 4);
     ASSERT_TRUE(client.waitForBytes(4));
     EXPECT_EQ("echo", client.received());
-}
-
-TEST_F(RvKQueueTCPServerAccept, AFailedAcceptIsLoggedAndTheServerGoesOn) {
-    const auto server = makeServer();
-    const int client = connectClient();
-    struct rlimit before;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-    struct rlimit none = before;
-    none.rlim_cur = 0;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-    loop->startObject(server, recorder.block());
-    EXPECT_TRUE(waitForLogged(LogLevel::kError,
-                              "<" + pointerText(server.get()) + ">: cannot accept inet connection"));
-    EXPECT_EQ(0, recorder.count(kEventData));
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
-    ASSERT_TRUE(recorder.waitFor(kEventData));
-    EXPECT_EQ(0, close(acceptedIn(recorder.events()[0]).descriptor));
-    EXPECT_EQ(0, close(client));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "libio-macOS/RvKQueueUnixClient.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -176,18 +175,6 @@ TEST_F(RvKQueueUnixClientConnect, APathOf104BytesFailsAtCreation) {
     EXPECT_FALSE(loop->createUnixClient(std::string(5000, 'x').c_str()));
     EXPECT_EQ(2, countLogged(LogLevel::kError, kFailure));
     EXPECT_EQ(before, openDescriptorCount());
-}
-
-TEST_F(RvKQueueUnixClientConnect, WithoutADescriptorItFailsAtCreation) {
-    struct rlimit before;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-    struct rlimit none = before;
-    none.rlim_cur = 0;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-    const auto client = loop->createUnixClient("/nowhere");
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
-    EXPECT_FALSE(client);
-    EXPECT_TRUE(isLogged(LogLevel::kError, kFailure));
 }
 
 TEST_F(RvKQueueUnixClientConnect, OutputQueuedBeforehandIsSent) {

@@ -1,7 +1,6 @@
 #include "libio-macOS/RvKQueueUnixServer.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -98,18 +97,6 @@ TEST_F(RvKQueueUnixServerListen, APathThatCannotBeBoundFailsAndClosesItsSocket) 
     EXPECT_FALSE(loop->createUnixServer(directory.path("no/such/place").c_str(), 0600));
     EXPECT_EQ(1, countLogged(LogLevel::kError, kFailure));
     EXPECT_EQ(before, openDescriptorCount());
-}
-
-TEST_F(RvKQueueUnixServerListen, WithoutADescriptorItFails) {
-    struct rlimit before;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-    struct rlimit none = before;
-    none.rlim_cur = 0;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-    const auto server = loop->createUnixServer(path.c_str(), 0600);
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
-    EXPECT_FALSE(server);
-    EXPECT_TRUE(isLogged(LogLevel::kError, kFailure));
 }
 
 TEST_F(RvKQueueUnixServerListen, StopClosesTheSocketAndLeavesTheFile) {
@@ -219,24 +206,6 @@ TEST_F(RvKQueueUnixServerAccept, AConnectionThatIsGoneAgainIsStillOffered) {
     EXPECT_EQ(0, close(connectTo(path)));
     loop->startObject(server, recorder.block([](const RecordedEvent&, std::uint64_t*) { return false; }));
     EXPECT_TRUE(recorder.waitFor(kEventData));
-}
-
-TEST_F(RvKQueueUnixServerAccept, AFailedAcceptIsLoggedAndTheServerGoesOn) {
-    const auto server = loop->createUnixServer(path.c_str(), 0600);
-    const int client = connectTo(path);
-    struct rlimit before;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-    struct rlimit none = before;
-    none.rlim_cur = 0;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-    loop->startObject(server, recorder.block());
-    EXPECT_TRUE(waitForLogged(LogLevel::kError,
-                              "<" + pointerText(server.get()) + ">: cannot accept unix connection"));
-    EXPECT_EQ(0, recorder.count(kEventData));
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
-    ASSERT_TRUE(recorder.waitFor(kEventData));
-    EXPECT_EQ(0, close(acceptedIn(recorder.events()[0]).descriptor));
-    EXPECT_EQ(0, close(client));
 }
 
 TEST_F(RvKQueueUnixServerAccept, APeerWithoutCredentialsIsNotOffered) {

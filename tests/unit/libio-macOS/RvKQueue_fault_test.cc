@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 
 #include "libio-macOS/RvKQueue.h"
 #include "libio-macOS/RvKQueueBipipeClient.h"
@@ -320,6 +321,63 @@ TEST_F(RvKQueueFactoryFault, ALockThatFailsFailsTheEndpoint) {
                   "cannot initialize unix socket object", "cannot initialize TCP socket object"}),
               loggedErrors());
     EXPECT_TRUE(isOpen(pair[0]));
+}
+
+TEST_F(RvKQueueFactoryFault, WithoutADescriptorThereIsNoSocket) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("s");
+    const struct sockaddr_in address = loopback(freePort());
+    faults::failHere(Kind::kSocket, 1, 4);
+    EXPECT_FALSE(loop->createUnixClient(path.c_str()));
+    EXPECT_FALSE(loop->createTCPClient(asSockaddr(address)));
+    EXPECT_FALSE(loop->createUnixServer(path.c_str(), 0600));
+    EXPECT_FALSE(loop->createTCPServer(asSockaddr(address)));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            "cannot initialize unix socket object", "cannot initialize TCP socket object",
+            "cannot initialize unix server socket object", "cannot initialize TCP server socket object"}),
+        loggedErrors());
+}
+
+int descriptorIn(const RecordedEvent& event) {
+    std::int32_t descriptor = -1;
+    std::memcpy(&descriptor, event.bytes.data(), sizeof descriptor);
+    return descriptor;
+}
+
+// A connection waits while accept fails once; it is offered with the next event.
+template <class Server, class Client>
+void expectAcceptFailure(RvKQueue& running, const Server& server, const Client& client,
+                         const std::string& message) {
+    ASSERT_TRUE(server && client);
+    Recorder recorder;
+    faults::failElsewhere(Kind::kAccept);
+    running.startObject(server, recorder.block());
+    ASSERT_TRUE(recorder.waitFor(kEventData));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(std::vector<std::string>{"<" + pointerText(server.get()) + ">: " + message}, loggedErrors());
+    EXPECT_EQ(1u, recorder.events().size());
+    EXPECT_EQ(0, close(descriptorIn(recorder.events()[0])));
+}
+
+TEST_F(RvKQueueEndpointFault, AFailedUnixAcceptIsLoggedAndTheServerGoesOn) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("s");
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    const auto client = loop->createUnixClient(path.c_str());
+    loop->start();
+    expectAcceptFailure(*loop, server, client, "cannot accept unix connection");
+    loop->stop();
+}
+
+TEST_F(RvKQueueEndpointFault, AFailedTCPAcceptIsLoggedAndTheServerGoesOn) {
+    const struct sockaddr_in address = loopback(freePort());
+    const auto server = loop->createTCPServer(asSockaddr(address));
+    const auto client = loop->createTCPClient(asSockaddr(address));
+    loop->start();
+    expectAcceptFailure(*loop, server, client, "cannot accept inet connection");
+    loop->stop();
 }
 
 TEST_F(RvKQueueEndpointFault, InputThatFindsNoRoomIsAReadError) {

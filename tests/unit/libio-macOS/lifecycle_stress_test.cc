@@ -45,6 +45,17 @@ TEST_F(LifecycleStress, EveryThreadMakesWritesAndStops) {
     EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == before; }));
 }
 
+TEST_F(LifecycleStress, AWriteThatMeetsTheEndOfAFlushIsSent) {
+    // The far end answers as soon as bytes arrive, while the I/O thread is still disarming its write filter.
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair.release(0), true);
+    loop->startObject(endpoint, Recorder().block());
+    for (int round = 0; round < 20000; ++round) {
+        loop->write(endpoint, "x", 1);
+        ASSERT_EQ("x", readExactly(pair[1], 1));
+    }
+}
+
 TEST_F(LifecycleStress, AnEndpointIsStoppedWhileOthersWriteToIt) {
     for (int round = 0; round < 50; ++round) {
         DescriptorPair pair = DescriptorPair::socketPair();

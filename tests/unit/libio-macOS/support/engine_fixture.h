@@ -87,7 +87,7 @@ class EngineTest : public testing::Test {
     void TearDown() override;
 
     void stopLoop();
-    /// Returns once the I/O thread has begun a turn after this call: what was asked for is done.
+    /// Returns once the I/O thread has begun and ended a turn after this call: what was asked for is done.
     void waitForTurn();
 
     std::shared_ptr<RvKQueue> loop;

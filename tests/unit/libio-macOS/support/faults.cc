@@ -1,6 +1,7 @@
 #include "unit/libio-macOS/support/faults.h"
 
 #include <pthread.h>
+#include <sys/socket.h>
 #include <time.h>
 
 #include <atomic>
@@ -95,6 +96,8 @@ int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
 int __real_eventfd(unsigned int initial, int flags);
+int __real_socket(int family, int type, int protocol);
+int __real_accept4(int sock, struct sockaddr* address, socklen_t* length, int flags);
 int __real_nanosleep(const struct timespec* wanted, struct timespec* left);
 
 void* __wrap_realloc(void* memory, std::size_t size);
@@ -102,6 +105,8 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
 int __wrap_eventfd(unsigned int initial, int flags);
+int __wrap_socket(int family, int type, int protocol);
+int __wrap_accept4(int sock, struct sockaddr* address, socklen_t* length, int flags);
 int __wrap_nanosleep(const struct timespec* wanted, struct timespec* left);
 
 void* __wrap_realloc(void* memory, std::size_t size) {
@@ -119,6 +124,18 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 
 int __wrap_eventfd(unsigned int initial, int flags) {
     if (!shouldFail(Kind::kEventfd)) return __real_eventfd(initial, flags);
+    errno = EMFILE;
+    return -1;
+}
+
+int __wrap_socket(int family, int type, int protocol) {
+    if (!shouldFail(Kind::kSocket)) return __real_socket(family, type, protocol);
+    errno = EMFILE;
+    return -1;
+}
+
+int __wrap_accept4(int sock, struct sockaddr* address, socklen_t* length, int flags) {
+    if (!shouldFail(Kind::kAccept)) return __real_accept4(sock, address, length, flags);
     errno = EMFILE;
     return -1;
 }
