@@ -17,10 +17,16 @@ using JsonStorage = boost::json::storage_ptr;
 /// end. Values of one arena are built by one thread at a time.
 class JsonArena final : public boost::json::memory_resource {
   public:
-    /// expectedBytes  how large the first block is; what is not used of it costs nothing
-    explicit JsonArena(std::size_t expectedBytes) noexcept { (void)block_.reserve(expectedBytes); }
+    /// expectedBytes  how much will be wanted at most, by and large; what is not used of it costs nothing
+    explicit JsonArena(std::size_t expectedBytes) noexcept {
+        if (expectedBytes >= kWorthwhileBytes) {
+            (void)block_.reserve(expectedBytes);  // without it the other blocks do
+        }
+    }
 
   private:
+    static constexpr std::size_t kWorthwhileBytes = 65536;  // below, a mapping costs more than it saves
+
     void* do_allocate(std::size_t bytes, std::size_t alignment) override {
         const std::size_t start = (used_ + alignment - 1) & ~(alignment - 1);  // the block is aligned for all
         if (start > block_.size() || block_.size() - start < bytes) {

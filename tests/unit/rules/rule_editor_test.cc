@@ -1,0 +1,517 @@
+// The editing cycle at a real terminal, with editors that are shell scripts and with those of the system.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "cli/process.h"
+
+// The program runs with a /tmp of its own.
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kRulesPath[] = "/tmp/rule-editor-test/rules";
+constexpr char kRetry[] = "Something went wrong with editor. Press any key to try one more time [y/n]: ";
+constexpr char kAgain[] = "Edit again [y/n]? ";
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::size_t count(const std::string& text, const std::string& part) {
+    std::size_t found = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+        ++found;
+    }
+    return found;
+}
+
+class EditorTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        fs::create_directories("/tmp/rule-editor-test/bin");
+        write(kRulesPath, "share\n");
+    }
+    void TearDown() override { fs::remove_all("/tmp/rule-editor-test"); }
+
+    static void write(const std::string& path, const std::string& content) {
+        std::ofstream(path, std::ios::binary) << content;
+    }
+
+    /// An editor called `name` in PATH that runs `script`; $1 is the file, $run counts its runs from 1.
+    static void addEditor(const std::string& name, const std::string& script) {
+        const std::string path = "/tmp/rule-editor-test/bin/" + name;
+        write(
+            path,
+            "#!/bin/sh\necho run >> /tmp/rule-editor-test/runs\nrun=$(wc -l < /tmp/rule-editor-test/runs)\n" +
+                script + "\n");
+        ASSERT_EQ(::chmod(path.c_str(), 0700), 0);
+    }
+
+    static std::size_t runs() { return count(contentOf("/tmp/rule-editor-test/runs"), "run\n"); }
+
+    /// rules_session at a terminal, which shows standard output as well.
+    static cli::Command session(const char* what, const char* argument = kRulesPath) {
+        cli::Command command;
+        command.path = RV_SESSION_PATH;
+        command.name = "rules_session";
+        command.words = {what, argument};
+        command.input = cli::Input::kTerminal;
+        command.outputToTerminal = true;
+        command.environment = {{"PATH", "/tmp/rule-editor-test/bin:/usr/bin:/bin"},
+                               {"TERM", "xterm"},
+                               {"HOME", "/tmp/rule-editor-test"}};
+        return command;
+    }
+
+    static cli::Command sessionWith(const char* what, const std::string& visual) {
+        cli::Command command = session(what);
+        command.environment["VISUAL"] = visual;
+        return command;
+    }
+};
+
+using RunEditor = EditorTest;
+using LoadRulesFromEditor = EditorTest;
+using AreYouSure = EditorTest;
+using EditorTerminal = EditorTest;
+
+TEST_F(RunEditor, SuccessSaysNothing) {
+    addEditor("ok", "[ \"$#\" = 1 ] && [ \"$1\" = /tmp/rule-editor-test/rules ]");
+    const cli::Result result = cli::run(sessionWith("run", "ok"));
+    EXPECT_EQ(result.terminal, "run: true\r\n");
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(RunEditor, VisualComesFirstThenEditorThenVi) {
+    addEditor("first", "echo first > /tmp/rule-editor-test/which");
+    addEditor("second", "echo second > /tmp/rule-editor-test/which");
+    addEditor("vi", "echo vi > /tmp/rule-editor-test/which");
+    cli::Command command = session("run");
+    cli::run(command);
+    EXPECT_EQ(contentOf("/tmp/rule-editor-test/which"), "vi\n");
+    command.environment["EDITOR"] = "second";
+    cli::run(command);
+    EXPECT_EQ(contentOf("/tmp/rule-editor-test/which"), "second\n");
+    command.environment["VISUAL"] = "first";
+    cli::run(command);
+    EXPECT_EQ(contentOf("/tmp/rule-editor-test/which"), "first\n");
+}
+
+TEST_F(RunEditor, EmptyVisualIsNotUnset) {
+    cli::Command command = sessionWith("run", "");
+    command.environment["EDITOR"] = "true";
+    cli::Process process(command);
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("n\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(result.err, "Cannot launch editor (2).\n");
+    EXPECT_NE(result.terminal.find("run: false"), std::string::npos);
+}
+
+TEST_F(RunEditor, ValueIsNotSplitIntoWords) {
+    cli::Process process(sessionWith("run", "true --wait"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("n\n");
+    EXPECT_EQ(process.wait().err, "Cannot launch editor (2).\n");
+}
+
+TEST_F(RunEditor, ProgramThatMayNotBeRun) {
+    write("/tmp/rule-editor-test/bin/plain", "#!/bin/sh\n");
+    cli::Process process(sessionWith("run", "/tmp/rule-editor-test/bin/plain"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("n\n");
+    EXPECT_EQ(process.wait().err, "Cannot launch editor (13).\n");
+}
+
+TEST_F(RunEditor, AnyKeyButNTriesAgain) {
+    addEditor("fail", "exit 3");
+    cli::Process process(sessionWith("run", "fail"));
+    std::size_t questions = 0;
+    for (const char* const key : {"N", "y", " ", "\x01", "\xff"}) {
+        ASSERT_TRUE(process.waitForTerminal(kRetry, ++questions));
+        process.type(std::string(key) + "\n");  // two characters: two questions
+        ASSERT_TRUE(process.waitForTerminal(kRetry, ++questions));
+    }
+    ASSERT_TRUE(process.waitForTerminal(kRetry, ++questions));
+    process.type("n\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(count(result.terminal, kRetry), 11U);
+    EXPECT_EQ(runs(), 11U);
+    EXPECT_EQ(count(result.terminal, "run: false"), 1U);
+}
+
+TEST_F(RunEditor, OneCharacterPerQuestion) {
+    addEditor("fail", "exit 3");
+    cli::Process process(sessionWith("run", "fail"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("yyn\n");
+    EXPECT_EQ(count(process.wait().terminal, kRetry), 3U);
+    EXPECT_EQ(runs(), 3U);
+}
+
+TEST_F(RunEditor, EndOfFileKeyTriesAgain) {
+    addEditor("fail", "exit 3");
+    cli::Process process(sessionWith("run", "fail"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("\x04");
+    ASSERT_TRUE(process.waitForTerminal(kRetry, 2));
+    process.type("n\n");
+    (void)process.wait();
+    EXPECT_EQ(runs(), 2U);
+}
+
+TEST_F(RunEditor, EndedInputGivesUp) {
+    addEditor("fail", "exit 3");
+    for (const cli::Input input : {cli::Input::kText, cli::Input::kClosed}) {
+        fs::remove("/tmp/rule-editor-test/runs");
+        cli::Command command = sessionWith("run", "fail");
+        command.input = input;
+        command.outputToTerminal = false;
+        const cli::Result result = cli::run(command);
+        EXPECT_EQ(result.out, std::string(kRetry) + "run: false\n");
+        EXPECT_EQ(runs(), 1U);
+    }
+}
+
+TEST_F(RunEditor, AnswersMayComeFromAPipe) {
+    addEditor("fail", "exit 3");
+    cli::Command command = sessionWith("run", "fail");
+    command.input = cli::Input::kText;
+    command.outputToTerminal = false;
+    command.text = "\nn";
+    const cli::Result result = cli::run(command);
+    EXPECT_EQ(result.out, std::string(kRetry) + kRetry + "run: false\n");
+    EXPECT_EQ(runs(), 2U);
+}
+
+TEST_F(RunEditor, SecondRunMaySucceed) {
+    addEditor("later", "[ $run = 2 ]");
+    cli::Process process(sessionWith("run", "later"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("\n");
+    EXPECT_EQ(count(process.wait().terminal, "run: true"), 1U);
+}
+
+TEST_F(RunEditor, EditorKilledByASignalHasFailed) {
+    for (const char* const signal : {"KILL", "TERM", "ABRT", "SEGV", "PIPE"}) {
+        addEditor("dies", std::string("ulimit -c 0; kill -") + signal + " $$");
+        cli::Process process(sessionWith("run", "dies"));
+        ASSERT_TRUE(process.waitForTerminal(kRetry)) << signal;
+        process.type("n\n");
+        EXPECT_EQ(count(process.wait().terminal, "run: false"), 1U) << signal;
+    }
+}
+
+TEST_F(RunEditor, TerminalIsRestoredAfterAFailedRun) {
+    addEditor("raw", "stty raw -echo; kill -KILL $$");
+    cli::Process process(sessionWith("run", "raw"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("n\n");  // echoed, with the line feed as carriage return and line feed
+    EXPECT_NE(process.wait().terminal.find(std::string(kRetry) + "n\r\nrun: false\r\n"), std::string::npos);
+}
+
+TEST_F(RunEditor, EditorHasDefaultSignalsAndNoneBlocked) {
+    addEditor("signals", "grep -E '^Sig(Blk|Ign|Cgt)' /proc/self/status > /tmp/rule-editor-test/signals");
+    cli::Process process(sessionWith("run", "signals"));
+    (void)process.wait();
+    const std::string signals = contentOf("/tmp/rule-editor-test/signals");
+    EXPECT_NE(signals.find("SigBlk:\t0000000000000000\n"), std::string::npos) << signals;
+    EXPECT_NE(signals.find("SigIgn:\t0000000000000000\n"), std::string::npos) << signals;
+}
+
+TEST_F(RunEditor, EditorInheritsOnlyTheThreeStreams) {
+    addEditor("files", "ls /proc/self/fd > /tmp/rule-editor-test/files");
+    cli::Process process(sessionWith("run", "files"));
+    (void)process.wait();
+    EXPECT_EQ(contentOf("/tmp/rule-editor-test/files"), "0\n1\n2\n3\n") << "3 is the directory itself";
+}
+
+TEST_F(EditorTerminal, InterruptAndQuitAreForTheEditor) {
+    addEditor(
+        "traps",
+        "trap 'echo interrupted' INT; trap 'echo quit' QUIT; echo ready; read line; read line; read line");
+    cli::Process process(sessionWith("run", "traps"));
+    ASSERT_TRUE(process.waitForTerminal("ready"));
+    process.type("\x03");
+    ASSERT_TRUE(process.waitForTerminal("interrupted"));
+    process.type("\x1c");
+    ASSERT_TRUE(process.waitForTerminal("quit"));
+    process.type("a\nb\nc\n");
+    EXPECT_EQ(count(process.wait().terminal, "run: true"), 1U);
+}
+
+TEST_F(EditorTerminal, InterruptKillsAnEditorThatDoesNotHandleIt) {
+    addEditor("sleeps", "echo ready; exec sleep 1000");
+    cli::Process process(sessionWith("run", "sleeps"));
+    ASSERT_TRUE(process.waitForTerminal("ready"));
+    process.type("\x03");
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("n\n");
+    EXPECT_EQ(count(process.wait().terminal, "run: false"), 1U);
+}
+
+TEST_F(EditorTerminal, InterruptAtTheQuestionEndsTheTool) {
+    addEditor("fail", "exit 1");
+    cli::Process process(sessionWith("run", "fail"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("\x03");
+    EXPECT_EQ(process.wait().signal, SIGINT);
+}
+
+TEST_F(EditorTerminal, SuspensionWithoutAShellIsUndone) {
+    addEditor("suspends", "kill -STOP $$; echo resumed");
+    cli::Process process(sessionWith("run", "suspends"));
+    const cli::Result result = process.wait();
+    EXPECT_EQ(result.terminal, "resumed\r\nrun: true\r\n");
+}
+
+/// An interactive shell with job control that runs the session as its foreground job.
+class JobControl : public EditorTest {
+  protected:
+    static cli::Command shell(const std::string& visual) {
+        cli::Command command = sessionWith("run", visual);
+        command.path = "/bin/bash";
+        command.name = "bash";
+        command.words = {"--norc", "--noprofile", "--noediting", "-i"};
+        return command;
+    }
+
+    /// Suspends with `suspend`, sees the shell take over, and goes on.
+    static void suspendAndResume(const std::string& suspendKey) {
+        cli::Process process(shell("editor"));
+        process.type(std::string("PS1='prompt'\">\"; ") + RV_SESSION_PATH + " run " + kRulesPath + "\n");
+        ASSERT_TRUE(process.waitForTerminal("ready"));
+        for (std::size_t round = 1; round <= 3; ++round) {
+            process.type(suspendKey);
+            ASSERT_TRUE(process.waitForErr("prompt>", round));
+            process.type("jobs; echo shell''-has-it\n");
+            ASSERT_TRUE(process.waitForTerminal("shell-has-it", round));
+            process.type("fg\n");
+            ASSERT_TRUE(process.waitForTerminal("resumed", round));
+        }
+        process.type("done\n");
+        ASSERT_TRUE(process.waitForTerminal("run: true"));
+        process.type("exit 7\n");
+        EXPECT_EQ(process.wait().status, 7);
+    }
+};
+
+TEST_F(JobControl, SuspendKeyStopsEditorAndTool) {
+    addEditor(
+        "editor",
+        "trap 'echo resumed' CONT; echo ready; while read line; do [ \"$line\" = done ] && exit 0; done");
+    suspendAndResume("\x1a");
+}
+
+TEST_F(JobControl, EditorThatStopsOnlyItself) {
+    addEditor("editor",
+              "echo ready; while read line; do [ \"$line\" = done ] && exit 0; "
+              "[ \"$line\" = stop ] && { kill -STOP $$; echo resumed; }; done");
+    suspendAndResume("stop\n");
+}
+
+TEST_F(JobControl, EditorThatStopsItsWholeGroup) {
+    addEditor("editor",
+              "echo ready; while read line; do [ \"$line\" = done ] && exit 0; "
+              "[ \"$line\" = stop ] && { kill -STOP 0; echo resumed; }; done");
+    suspendAndResume("stop\n");
+}
+
+TEST_F(JobControl, EditorThatSuspendsItsWholeGroup) {
+    addEditor("editor",
+              "echo ready; while read line; do [ \"$line\" = done ] && exit 0; "
+              "[ \"$line\" = stop ] && { kill -TSTP 0; echo resumed; }; done");
+    suspendAndResume("stop\n");
+}
+
+// loadRulesFromEditor
+
+TEST_F(LoadRulesFromEditor, GivesWhatWasSaved) {
+    addEditor("saves", "echo 'block quick' > $1");
+    EXPECT_EQ(cli::run(sessionWith("edit", "saves")).terminal,
+              "edit: [{\"action\":\"block\",\"quick\":true}]\r\n");
+}
+
+TEST_F(LoadRulesFromEditor, FileMayBeReplacedByAnother) {
+    addEditor("renames", "echo block > $1.new; mv $1.new $1");
+    EXPECT_EQ(cli::run(sessionWith("edit", "renames")).terminal, "edit: [{\"action\":\"block\"}]\r\n");
+}
+
+TEST_F(LoadRulesFromEditor, EmptyFileIsAnEmptyRuleSet) {
+    addEditor("empties", ": > $1");
+    EXPECT_EQ(cli::run(sessionWith("edit", "empties")).terminal, "edit: []\r\n");
+}
+
+TEST_F(LoadRulesFromEditor, BadRulesAreShownAgainUntilTheyParse) {
+    addEditor("fixes",
+              "cat $1; case $run in 1) echo bad > $1;; 2) echo worse >> $1;; 3) echo share > $1;; esac");
+    cli::Process process(sessionWith("edit", "fixes"));
+    ASSERT_TRUE(process.waitForTerminal(kAgain, 1));
+    process.type("y\n");
+    ASSERT_TRUE(process.waitForTerminal(kAgain, 2));
+    process.type("y\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(result.err, "Parsing error at rule #1\nParsing error at rule #1\n");
+    EXPECT_EQ(count(result.terminal, "bad\r\nworse\r\n"), 1U) << result.terminal;
+    EXPECT_EQ(count(result.terminal, "edit: [{\"action\":\"share\"}]"), 1U) << result.terminal;
+}
+
+TEST_F(LoadRulesFromEditor, BadRulesMayBeGivenUp) {
+    addEditor("breaks", "echo 'share # x' > $1; echo bad >> $1");
+    cli::Process process(sessionWith("edit", "breaks"));
+    ASSERT_TRUE(process.waitForTerminal(kAgain));
+    process.type("n\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(result.err, "Parsing error at rule #2\n");
+    EXPECT_EQ(count(result.terminal, "edit: null"), 1U);
+    EXPECT_EQ(contentOf(kRulesPath), "share # x\nbad\n") << "the text stays for the user";
+}
+
+TEST_F(LoadRulesFromEditor, EveryOtherAnswerAsksAgain) {
+    addEditor("breaks", "echo bad > $1");
+    cli::Process process(sessionWith("edit", "breaks"));
+    ASSERT_TRUE(process.waitForTerminal(kAgain));
+    process.type("Yx N\n\n\n");  // four characters that are no answer; line feeds are skipped
+    ASSERT_TRUE(process.waitForTerminal(kAgain, 5));
+    process.type("n\n");
+    EXPECT_EQ(count(process.wait().terminal, kAgain), 5U);
+}
+
+TEST_F(LoadRulesFromEditor, RemovedFileIsAskedAbout) {
+    addEditor("removes", "rm $1");
+    cli::Process process(sessionWith("edit", "removes"));
+    ASSERT_TRUE(process.waitForTerminal(kAgain));
+    process.type("n\n");
+    EXPECT_EQ(process.wait().err, "Error loading rules from /tmp/rule-editor-test/rules.\n");
+}
+
+TEST_F(LoadRulesFromEditor, FailedEditorGivenUpIsNoRuleSet) {
+    addEditor("fail", "exit 1");
+    cli::Process process(sessionWith("edit", "fail"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("n\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(count(result.terminal, "edit: null"), 1U);
+    EXPECT_EQ(count(result.terminal, kAgain), 0U);
+}
+
+TEST_F(LoadRulesFromEditor, BothQuestionsInOneRun) {
+    addEditor("both",
+              "case $run in 1) exit 1;; 2) echo bad > $1;; 3) kill -KILL $$;; 4) echo block > $1;; esac");
+    cli::Process process(sessionWith("edit", "both"));
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("y");
+    process.type("\n");
+    ASSERT_TRUE(process.waitForTerminal(kAgain));
+    process.type("y\n");  // the line feed answers the editor's question
+    const cli::Result result = process.wait();
+    EXPECT_EQ(count(result.terminal, kRetry), 2U) << result.terminal;
+    EXPECT_EQ(count(result.terminal, "edit: [{\"action\":\"block\"}]"), 1U) << result.terminal;
+}
+
+// areYouSure
+
+TEST_F(AreYouSure, RestOfTheLineIsLeftUnread) {
+    cli::Process process(session("ask", "Sure? "));
+    ASSERT_TRUE(process.waitForTerminal("Sure? "));
+    process.type("yes\n");
+    EXPECT_NE(process.wait().terminal.find("ask: y rest: es\r\n"), std::string::npos);
+}
+
+TEST_F(AreYouSure, OtherAnswersAskOnceMoreEach) {
+    cli::Process process(session("ask", "Sure? "));
+    ASSERT_TRUE(process.waitForTerminal("Sure? "));
+    process.type("x\n");
+    ASSERT_TRUE(process.waitForTerminal("Sure? ", 2));
+    process.type("Y\n");
+    ASSERT_TRUE(process.waitForTerminal("Sure? ", 3));
+    process.type("\n\nn\n");
+    const cli::Result result = process.wait();
+    EXPECT_NE(result.terminal.find("ask: n"), std::string::npos);
+    EXPECT_EQ(count(result.terminal, "Sure? "), 3U);
+}
+
+TEST_F(AreYouSure, PromptIsNoFormat) {
+    cli::Process process(session("ask", "100%s %n? "));
+    ASSERT_TRUE(process.waitForTerminal("100%s %n? "));
+    process.type("n\n");
+    EXPECT_EQ(process.wait().status, 0);
+}
+
+TEST_F(AreYouSure, EndOfInputAsksAgain) {
+    cli::Process process(session("ask", "Sure? "));
+    for (std::size_t asked = 1; asked <= 3; ++asked) {
+        ASSERT_TRUE(process.waitForTerminal("Sure? ", asked));
+        process.type("\x04");
+    }
+    ASSERT_TRUE(process.waitForTerminal("Sure? ", 4));
+    process.type("y\n");
+    EXPECT_EQ(process.wait().status, 0);
+
+    cli::Command closed = session("ask", "Sure? ");
+    closed.input = cli::Input::kText;
+    closed.outputToTerminal = false;
+    cli::Process endless(closed);
+    EXPECT_TRUE(endless.waitForOut("Sure? ", 1000));
+    endless.kill(SIGKILL);
+    (void)endless.wait();
+}
+
+// Editors of the system, driven by keys.
+
+class RealEditor : public EditorTest {
+  protected:
+    static bool installed(const char* program) { return ::access(program, X_OK) == 0; }
+
+    static cli::Result wait(cli::Process& process) { return process.wait(); }
+};
+
+TEST_F(RealEditor, Ed) {
+    if (!installed("/bin/ed")) {
+        GTEST_SKIP() << "ed is not installed";
+    }
+    cli::Process process(sessionWith("edit", "/bin/ed"));
+    ASSERT_TRUE(process.waitForTerminal("6"));  // bytes read
+    process.type("\x03");
+    ASSERT_TRUE(process.waitForTerminal("?"));
+    process.type("a\nblock rdesk\n.\nw\nq\n");
+    const std::string shown = wait(process).terminal;
+    EXPECT_NE(shown.find("edit: [{\"action\":\"share\"},{\"action\":\"block\",\"rdesk\":true}]"),
+              std::string::npos)
+        << shown;
+}
+
+TEST_F(RealEditor, Vim) {
+    if (!installed("/usr/bin/vim.tiny")) {
+        GTEST_SKIP() << "vim-tiny is not installed";
+    }
+    cli::Process process(sessionWith("edit", "/usr/bin/vim.tiny"));
+    ASSERT_TRUE(process.waitForTerminal("share"));
+    process.type("oblock rdesk\x1b:wq\r");
+    const std::string shown = wait(process).terminal;
+    EXPECT_NE(shown.find("edit: [{\"action\":\"share\"},{\"action\":\"block\",\"rdesk\":true}]"),
+              std::string::npos)
+        << shown;
+}
+
+TEST_F(RealEditor, Nano) {
+    if (!installed("/bin/nano")) {
+        GTEST_SKIP() << "nano is not installed";
+    }
+    cli::Process process(sessionWith("edit", "/bin/nano"));
+    ASSERT_TRUE(process.waitForTerminal("share"));
+    process.type("block rdesk\r\x0f\r\x18");  // a new first line, write out under the same name, leave
+    const std::string shown = wait(process).terminal;
+    EXPECT_NE(shown.find("edit: [{\"action\":\"block\",\"rdesk\":true},{\"action\":\"share\"}]"),
+              std::string::npos)
+        << shown;
+}
+
+}  // namespace

@@ -1,0 +1,152 @@
+// Fails one allocation after the other: each failure is a documented message and never anything worse.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include "captured_stderr.h"
+#include "rule_text.h"
+#include "rules/rule_file.h"
+#include "rules/rule_parser.h"
+
+namespace {
+
+long allocationsLeft = -1;  // before they fail; -1: they do not
+
+void* allocate(std::size_t size) {
+    if (allocationsLeft == 0) {
+        throw std::bad_alloc();
+    }
+    if (allocationsLeft > 0) {
+        --allocationsLeft;
+    }
+    void* const memory = std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    return allocate(size);
+}
+void* operator new[](std::size_t size) {
+    return allocate(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+/// A text that takes every way that allocates: joined lines, pieced tokens, long values, unusual numbers.
+std::string sampleText() {
+    const std::string name(2000, 'n');
+    std::string text =
+        "share port \\\n 1 \\\n name is a\"b\"c\\d host a,b,c hwid +0000000000000000000001:2 # x\n";
+    for (int rule = 0; rule < 40; ++rule) {
+        text += "block name is \"" + name + "\" serial \"" + name + "\\x\" class -0000000000000000001\n";
+    }
+    return text;
+}
+
+/// Calls `step` with ever more allocations that succeed, until it says that it has succeeded.
+template <class Step>
+long failAllocations(Step step) {
+    for (long successes = 0; successes < 100000; ++successes) {
+        if (step(successes)) {
+            return successes;
+        }
+    }
+    return -1;
+}
+
+TEST(RuleFaults, ParserReportsEveryLackOfMemory) {
+    const std::string text = sampleText();
+    std::size_t whole = 0;
+    std::size_t lines = 0;
+    std::size_t rules = 0;
+    CapturedStderr messages;
+    const long needed = failAllocations([&](long successes) {
+        allocationsLeft = successes;
+        const RuleSet found = rule_parser_run(text);
+        allocationsLeft = -1;
+        const std::string message = messages.take();
+        if (found) {
+            EXPECT_EQ(message, "");
+            EXPECT_EQ(found->size(), 41U);
+            return true;
+        }
+        whole += message == "Memory allocation error.\n" ? 1 : 0;
+        lines += message == "Error parsing rule data.\n" ? 1 : 0;
+        rules += message.starts_with("Parsing error at rule #") ? 1 : 0;
+        return false;
+    });
+    EXPECT_GT(needed, 5);
+    EXPECT_GT(whole, 0U);
+    EXPECT_GT(lines, 0U);
+    EXPECT_GT(rules, 0U);
+    EXPECT_EQ(whole + lines + rules, static_cast<std::size_t>(needed));
+}
+
+TEST(RuleFaults, PassesGiveNothing) {
+    const std::string text = sampleText();
+    const RuleStrings lines = rule_parser_firstpass(text).value();
+    const RuleStrings tokens = rule_parser_line(lines[1]).value();
+    const auto limited = [](auto call) {
+        return failAllocations([&](long successes) {
+            allocationsLeft = successes;
+            const bool done = call();
+            allocationsLeft = -1;
+            return done;
+        });
+    };
+    EXPECT_GT(limited([&] { return rule_parser_firstpass(text).has_value(); }), 0);
+    EXPECT_GT(limited([&] { return rule_parser_line(lines[1]).has_value(); }), 0);
+    EXPECT_GT(limited([&] { return rule_parser_line2dictionary(tokens).has_value(); }), 0);
+    EXPECT_GT(limited([&] { return rule_parse_host2array("a b,c").has_value(); }), 0);
+    EXPECT_GT(limited([&] {
+                  RuleTriple values;
+                  return rule_parser_triple2values("+0000000000000000000000000001", values) == 1;
+              }),
+              0);
+}
+
+TEST(RuleFaults, LoaderReportsALackOfMemory) {
+    CapturedStderr messages;
+    const long needed = failAllocations([&](long successes) {
+        allocationsLeft = successes;
+        const auto content = load_any_file("/proc/self/status", "rules");
+        allocationsLeft = -1;
+        EXPECT_EQ(messages.take(), content ? "" : "Error loading rules from /proc/self/status.\n");
+        return content.has_value();
+    });
+    EXPECT_GT(needed, 0);
+}
+
+TEST(RuleFaults, PrinterNeedsNoMemory) {
+    const JsonObject list =
+        boost::json::parse(R"({"rules":[{"action":"share","host":["a"],"vid":1}]})").as_object();
+    char buffer[100] = "";
+    std::FILE* const stream = ::fmemopen(buffer, sizeof buffer, "w");
+    allocationsLeft = 0;
+    const int status = outputRuleList(list, true, stream);
+    allocationsLeft = -1;
+    (void)std::fclose(stream);
+    EXPECT_EQ(status, 0);
+    EXPECT_STREQ(buffer, "1: share host \"a\" hwid 0001\n");
+}
+
+}  // namespace

@@ -1,0 +1,69 @@
+// rules_session: one function of the editing cycle in a process of its own, as the tool runs it: on a thread
+// beside the main one, with SIGPIPE ignored.
+//
+//   rules_session run FILE    runEditor           says "run: true" or "run: false"
+//   rules_session edit FILE   loadRulesFromEditor says "edit: " and the records, or "null"
+//   rules_session ask PROMPT  areYouSure          says "ask: " and the answer, then what is left of the line
+#include <pthread.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include "cli/confirm.h"
+#include "rule_text.h"
+#include "rules/rule_editor.h"
+
+namespace {
+
+void run(const char* path) {
+    std::printf("run: %s\n", runEditor(path) ? "true" : "false");
+}
+
+void edit(const char* path) {
+    const RuleSet rules = loadRulesFromEditor(path);
+    std::printf("edit: %s\n", rules ? toText(*rules).c_str() : "null");
+}
+
+void ask(const char* prompt) {
+    std::printf("ask: %c", areYouSure(prompt));
+    char rest[100] = "";
+    std::printf(" rest: %s", std::fgets(rest, sizeof rest, stdin) != nullptr ? rest : "none\n");
+}
+
+/// What ends the tool, or stops it, must still do so after an editor has run.
+void checkDispositions() {
+    for (const int signal : {SIGINT, SIGQUIT, SIGTSTP, SIGCHLD}) {
+        struct sigaction now;
+        if (::sigaction(signal, nullptr, &now) != 0 || now.sa_handler != SIG_DFL) {
+            std::printf("signal %d is not as it was\n", signal);
+        }
+    }
+}
+
+void work(const char* what, const char* argument) {
+    // The engine's thread is not where signals are taken; the editor must get them all the same.
+    sigset_t all;
+    (void)::sigfillset(&all);
+    (void)::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    if (std::strcmp(what, "run") == 0) {
+        run(argument);
+    } else if (std::strcmp(what, "edit") == 0) {
+        edit(argument);
+    } else {
+        ask(argument);
+    }
+    checkDispositions();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        return 2;
+    }
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    std::thread(work, argv[1], argv[2]).join();
+    return std::fflush(stdout);
+}
