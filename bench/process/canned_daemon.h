@@ -1,25 +1,34 @@
-/// A peer that answers the first request of each connection with the same bytes.
+/// A peer that sends the same bytes to each connection.
 #ifndef RV_BENCH_CANNED_DAEMON_H
 #define RV_BENCH_CANNED_DAEMON_H
 
-#include <string>
-#include <thread>
+#include <sys/types.h>
 
-/// Serves the control socket on a thread of its own from construction to destruction.
+#include <cstddef>
+#include <functional>
+#include <string>
+
+/// Serves the control socket from construction to destruction, in a process of its own: what a program that
+/// is measured here uses at its peak includes what the process that starts it uses.
 class CannedDaemon {
   public:
-    /// reply  whole frames, sent as soon as a connection has sent 8 bytes
-    explicit CannedDaemon(std::string reply);
+    using Make = std::function<std::string()>;
+
+    /// make   makes whole frames, in the daemon's process
+    /// times  0: they are sent once, as the answer to the first 8 bytes; else they are sent that often as
+    /// soon
+    ///        as there is a connection, which is then closed
+    explicit CannedDaemon(const Make& make, std::size_t times = 0);
     ~CannedDaemon();
     CannedDaemon(const CannedDaemon&) = delete;
     CannedDaemon& operator=(const CannedDaemon&) = delete;
 
-  private:
-    void serve() const;
+    /// Bytes that one make() gave.
+    std::size_t size() const { return size_; }
 
-    std::string reply_;
-    int listener_;
-    std::thread thread_;
+  private:
+    pid_t process_ = -1;
+    std::size_t size_ = 0;
 };
 
 #endif

@@ -26,13 +26,15 @@ struct Run {
     double peakBytes = 0;
 };
 
-Run runOnce(const std::vector<const char*>& words) {
-    static posix_spawn_file_actions_t actions = [] {
-        posix_spawn_file_actions_t made;
-        posix_spawn_file_actions_init(&made);
-        posix_spawn_file_actions_addopen(&made, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        return made;
-    }();
+constexpr int kLostConnection = 5;
+
+/// Runs a program with its output in a file; any exit status but `wanted` ends the benchmark. What it says on
+/// standard error is thrown away.
+Run runOnce(const std::vector<const char*>& words, const char* output, int wanted = 0) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     std::vector<char*> vector;
     for (const char* word : words) {
         vector.push_back(const_cast<char*>(word));
@@ -48,7 +50,8 @@ Run runOnce(const std::vector<const char*>& words) {
     rusage usage{};
     wait4(child, &status, 0, &usage);
     const std::chrono::duration<double> taken = Clock::now() - start;
-    if (status != 0) {
+    posix_spawn_file_actions_destroy(&actions);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != wanted) {
         std::fprintf(stderr, "%s failed (%d)\n", words[0], status);
         std::exit(1);
     }
@@ -82,17 +85,41 @@ std::string deviceList(std::int64_t count) {
     return frame(0, body + "]}");
 }
 
+std::string connectionList(std::int64_t count) {
+    std::string body = "{\"connections\":[";
+    for (std::int64_t i = 0; i < count; ++i) {
+        char element[200];
+        const char* format = i % 4 == 0 ? "%s{\"app\":\"/Applications/Viewer%d.app\",\"appPID\":%d}"
+                                        : "%s{\"addr\":\"10.0.%d.17\",\"port\":%d}";
+        (void)std::snprintf(element, sizeof element, format, i > 0 ? "," : "", static_cast<int>(i),
+                            static_cast<int>(i % 65536));
+        body += element;
+    }
+    return frame(1, body + "]}");
+}
+
+std::string preferenceList(std::int64_t count) {
+    std::string body = R"({"status":"ok","preferences":{)";
+    for (std::int64_t i = 0; i < count; ++i) {
+        char element[200];
+        (void)std::snprintf(element, sizeof element, "%s\"%04x:%04x:0100\":{\"grab_on_plug\":true}",
+                            i > 0 ? "," : "", static_cast<unsigned>(i >> 16),
+                            static_cast<unsigned>(i & 0xffff));
+        body += element;
+    }
+    return frame(19, body + "}}");
+}
+
 /// One iteration is one run of each program.
-void compare(benchmark::State& state, const std::vector<const char*>& ours,
-             const std::vector<const char*>& theirs) {
-    const std::string reply = deviceList(state.range(0));
-    const CannedDaemon daemon(reply);
+void compare(benchmark::State& state, std::string (*makeReply)(std::int64_t),
+             const std::vector<const char*>& ours, const std::vector<const char*>& theirs) {
+    const CannedDaemon daemon([&] { return makeReply(state.range(0)); });
     std::vector<double> a;
     std::vector<double> b;
     double peak = 0;
     for (auto _ : state) {
-        const Run first = runOnce(ours);
-        const Run second = runOnce(theirs);
+        const Run first = runOnce(ours, "/dev/null");
+        const Run second = runOnce(theirs, "/dev/null");
         a.push_back(first.seconds);
         b.push_back(second.seconds);
         peak = std::max(peak, first.peakBytes);
@@ -101,19 +128,62 @@ void compare(benchmark::State& state, const std::vector<const char*>& ours,
     state.counters["tool_us"] = median(a) * 1e6;
     state.counters["other_us"] = median(b) * 1e6;
     state.counters["ratio"] = median(a) / median(b);
-    state.counters["peak_per_frame"] = peak / static_cast<double>(reply.size());
+    state.counters["peak_per_frame"] = peak / static_cast<double>(daemon.size());
 }
 
 void devListAgainstBare(benchmark::State& state) {
-    compare(state, {RV_TOOL, "dev", "list"}, {RV_BARE});
+    compare(state, deviceList, {RV_TOOL, "dev", "list"}, {RV_BARE});
 }
 
 void devListAgainstTuned(benchmark::State& state) {
-    compare(state, {RV_TOOL, "dev", "list"}, {RV_TUNED_DEVICES});
+    compare(state, deviceList, {RV_TOOL, "dev", "list"}, {RV_TUNED_DEVICES});
+}
+
+void connListAgainstTuned(benchmark::State& state) {
+    compare(state, connectionList, {RV_TOOL, "conn", "list"}, {RV_TUNED_CONNECTIONS});
+}
+
+void prefListAgainstTuned(benchmark::State& state) {
+    compare(state, preferenceList, {RV_TOOL, "pref", "list"}, {RV_TUNED_PREFERENCES});
+}
+
+/// Events of a daemon that sends as fast as it is read, through a socket into a file.
+void monitorThroughput(benchmark::State& state) {
+    constexpr std::int64_t kEventsPerBlock = 500;
+    const CannedDaemon daemon(
+        [] {
+            std::string block;
+            for (std::int64_t i = 0; i < kEventsPerBlock; ++i) {
+                block += frame(4, R"({"id":17,"name":"Office keyboard","state":"in use",)"
+                                  R"("addr":"host-17.example","appPID":4711})");
+            }
+            return block;
+        },
+        static_cast<std::size_t>(state.range(0) / kEventsPerBlock));
+    double seconds = 0;
+    double peak = 0;
+    for (auto _ : state) {
+        const Run run = runOnce({RV_TOOL, "monitor"}, "/tmp/rvusbpctl-monitor.out", kLostConnection);
+        seconds += run.seconds;
+        peak = std::max(peak, run.peakBytes);
+        state.SetIterationTime(run.seconds);
+    }
+    (void)unlink("/tmp/rvusbpctl-monitor.out");
+    state.counters["events_per_second"] =
+        static_cast<double>(state.range(0)) * static_cast<double>(state.iterations()) / seconds;
+    state.counters["peak_MiB"] = peak / (1 << 20);
 }
 
 BENCHMARK(devListAgainstBare)->Arg(10)->Iterations(500)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(devListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(connListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(prefListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(monitorThroughput)
+    ->Arg(100000)
+    ->Arg(5000000)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

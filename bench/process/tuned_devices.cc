@@ -1,69 +1,12 @@
-// The device list as a program made for nothing else: blocking reads into a buffer of the right size, an
-// on-demand parser that keeps no document, and rows put together by hand. It checks nothing.
-#include <simdjson.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <charconv>
+// The device list as a program made for nothing else: blocking reads into a buffer of the right size, a fast
+// parser, and rows put together by hand. It checks nothing.
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string_view>
-#include <vector>
+
+#include "bench/process/tuned.h"
 
 namespace {
-
-void readAll(int sock, char* out, std::size_t count) {
-    while (count > 0) {
-        const ssize_t got = read(sock, out, count);
-        if (got < 1) {
-            std::exit(1);
-        }
-        out += got;
-        count -= static_cast<std::size_t>(got);
-    }
-}
-
-class Output {
-  public:
-    ~Output() { flush(); }
-    void text(std::string_view bytes) {
-        if (sizeof buffer_ - used_ < bytes.size()) {
-            flush();
-        }
-        std::memcpy(buffer_ + used_, bytes.data(), bytes.size());
-        used_ += bytes.size();
-    }
-    void number(std::uint64_t value) {
-        char digits[20];
-        text({digits,
-              static_cast<std::size_t>(std::to_chars(digits, digits + sizeof digits, value).ptr - digits)});
-    }
-    void hex4(std::uint64_t value) {
-        char digits[4];
-        for (int i = 3; i >= 0; --i, value >>= 4) {
-            digits[i] = "0123456789abcdef"[value & 0xf];
-        }
-        text({digits, sizeof digits});
-    }
-
-  private:
-    void flush() {
-        std::size_t done = 0;
-        while (done < used_) {
-            const ssize_t count = write(STDOUT_FILENO, buffer_ + done, used_ - done);
-            if (count < 1) {
-                std::exit(1);
-            }
-            done += static_cast<std::size_t>(count);
-        }
-        used_ = 0;
-    }
-    std::size_t used_ = 0;
-    char buffer_[65536];
-};
 
 struct Device {
     std::uint64_t id, vid, pid, rev;
@@ -74,23 +17,10 @@ struct Device {
 }  // namespace
 
 int main() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "/var/run/rvusbpctl.sock");
-    const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
-    const char request[8] = {};
-    if (sock == -1 || connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) == -1 ||
-        write(sock, request, sizeof request) != static_cast<ssize_t>(sizeof request)) {
-        return 1;
-    }
-    std::uint32_t header[2];
-    readAll(sock, reinterpret_cast<char*>(header), sizeof header);
-    const std::size_t length = header[1];
-    auto* body = static_cast<char*>(std::malloc(length + simdjson::SIMDJSON_PADDING));
-    readAll(sock, body, length);
-
+    const Reply reply = request(0);
     simdjson::dom::parser parser;
-    const simdjson::dom::array devices = parser.parse(body, length, false)["devices"].get_array().value();
+    const simdjson::dom::array devices =
+        parser.parse(reply.bytes, reply.size, false)["devices"].get_array().value();
     std::size_t widest = 0;
     for (const simdjson::dom::element device : devices) {
         widest = std::max(widest, device["port"].get_string().value().size());
