@@ -13,6 +13,7 @@
 #include "cli/options.h"
 #include "cli/preparation.h"
 #include "cli/shared_slots.h"
+#include "cli/standard_descriptors.h"
 #include "libio-macOS/RvKQueue.h"
 #include "platform/single_heap.h"
 
@@ -29,6 +30,7 @@ constexpr char kLogSubsystem[] = "org.rvusbp.usb.phys.ctl";
 }  // namespace
 
 int main(int argc, char** argv) {
+    fillStandardDescriptors();
     useSingleHeap();
     (void)std::signal(SIGPIPE, SIG_IGN);  // a write to a closed socket fails instead of ending the process
     Invocation invocation = parseCommandLine(argc, argv);
