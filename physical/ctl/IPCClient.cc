@@ -75,6 +75,13 @@ class Request {
         return true;
     }
 
+    /// Moves an array that with() took over back to where it was; the request is of no use afterwards.
+    void giveBack(std::string_view key, JsonArray& array) noexcept {
+        if (JsonValue* const value = body_.if_contains({key.data(), key.size()})) {
+            array = std::move(value->get_array());  // of the same storage, so that nothing is copied
+        }
+    }
+
   private:
     template <class Step>
     void attempt(const char* failure, Step step) noexcept {
@@ -326,11 +333,14 @@ void RvTetherIPCClient::getRuleList() noexcept {
     sendJSON(nullptr, kCmdGetRules);
 }
 
-bool RvTetherIPCClient::loadRuleList(JsonArray&& rules) noexcept {
-    // A body in the array's own storage takes the array over; any other would copy every rule.
-    return Request(1, kNoDictionary, rules.storage())
-        .with("rules", std::move(rules), kNoDictionary)
-        .send(*this, kCmdLoadRules);
+bool RvTetherIPCClient::loadRuleList(JsonArray& rules) noexcept {
+    // A body in the array's own storage takes the array over and gives it back; any other would copy every
+    // rule.
+    Request request(1, kNoDictionary, rules.storage());
+    request.with("rules", std::move(rules), kNoDictionary);
+    const bool sent = request.send(*this, kCmdLoadRules);
+    request.giveBack("rules", rules);
+    return sent;
 }
 
 bool RvTetherIPCClient::insertRuleForDevice(std::uint32_t deviceId, std::string_view action) noexcept {

@@ -76,8 +76,9 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
     void requestDisconnectDevice(std::uint32_t deviceId) noexcept;
     void startRuleTransaction() noexcept;
     void getRuleList() noexcept;
-    /// rules  the whole rule set, in order; taken over, as it may be large
-    bool loadRuleList(JsonArray&& rules) noexcept;
+    /// rules  the whole rule set, in order; lent for the call rather than copied, as it may be large, and
+    ///        unchanged afterwards
+    bool loadRuleList(JsonArray& rules) noexcept;
     bool insertRuleForDevice(std::uint32_t deviceId, std::string_view action) noexcept;
     /// host  looked at only when `type` is "net"; must not be null then
     bool testRuleForDevice(std::uint32_t deviceId, std::string_view type, const char* host) noexcept;

@@ -219,6 +219,19 @@ TEST(RuleLoadSource, LargeRuleSetIsSentWhole) {
     expectLoaded(exchange, records + "]");
 }
 
+// The rules stay at hand: a second "ok" to the start of the transaction must not load an empty rule set.
+TEST(RuleLoadSource, RepeatedReplyLoadsTheSameRules) {
+    writeFile(kPath, "share\nblock rdesk\n");
+    Script script;
+    script.reply(kStart, kReplyOk).receive().sendFrame(kStart, kReplyOk);
+    script.reply(kLoad, kReplyOk).reply(kEnd, kReplyOk);
+    const Exchange exchange = converse(tool({"rule", "load", kPath}), script);
+    fs::remove(kPath);
+    expectResult(exchange.tool, kOk, "", "");
+    constexpr char kLoadBody[] = R"({"rules":[{"action":"share"},{"action":"block","rdesk":true}]})";
+    expectRequests(exchange, {{kStart, ""}, {kLoad, kLoadBody}, {kLoad, kLoadBody}, {kEnd, kCommit}});
+}
+
 TEST(RuleLoadSource, FramesOfOtherCodesAreIgnored) {
     writeFile(kPath, "share\n");
     Script script;

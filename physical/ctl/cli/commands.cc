@@ -92,10 +92,8 @@ void askInsert(Conversation& talk) {
 }
 
 void askLoad(Conversation& talk) {
-    askOrFail(talk, [&](RvTetherIPCClient& client) {
-        return client.loadRuleList(talk.slots.ruleSet ? std::move(*talk.slots.ruleSet) : JsonArray());
-    });
-    talk.slots.ruleSet.reset();  // the request has taken it over
+    // The slot keeps the rules: a daemon that answers a step twice is asked the same again.
+    askOrFail(talk, [&](RvTetherIPCClient& client) { return client.loadRuleList(*talk.slots.ruleSet); });
 }
 
 void askTest(Conversation& talk) {
@@ -166,7 +164,7 @@ void printConnections(Conversation&, const JsonObject& reply) {
 }
 
 // Deliberate: every status but "ok" is told as "not found", "auth" included, and a reply without a status is
-// a success. Held by ReplyStatusTable.
+// a success. Held by ReplyStatus.EndsAsTheTableSays.
 void finishUnplug(Conversation&, const JsonObject& reply) {
     const ReplyStatus status = looseStatus(reply);
     if (status == ReplyStatus::kOk || status == ReplyStatus::kMissing) {
@@ -245,7 +243,7 @@ void printVerdict(Conversation&, const JsonObject& reply) {
     std::exit(kExitOk);
 }
 
-// Deliberate: the preference commands fail without a message. Held by ReplyStatusTable.
+// Deliberate: the preference commands fail without a message. Held by ReplyStatus.EndsAsTheTableSays.
 void printPreferences(Conversation&, const JsonObject& reply) {
     const JsonObject* preferences = objectMember(reply, "preferences");
     if (strictStatus(reply) != ReplyStatus::kOk || preferences == nullptr) {

@@ -17,7 +17,7 @@ ReplyStatus strictStatus(const JsonObject& reply) noexcept;
 
 /// Reads the `status` without a look at its type: anything that is there and is not one of the known texts is
 /// kOther. Deliberate: the commands that read it this way differ from the strict ones for a status that is
-/// missing or no string. Held by ReplyStatusTable.
+/// missing or no string. Held by ReplyStatus.EndsAsTheTableSays.
 ReplyStatus looseStatus(const JsonObject& reply) noexcept;
 
 /// Writes the message of `status` to standard error and ends the process with it. kExitNotFound names the

@@ -9,7 +9,7 @@
 /// Owned by main, written by main before the client starts and by the I/O thread afterwards, so without a
 /// lock.
 struct SharedSlots {
-    RuleSet ruleSet;       ///< parsed rules that wait to be loaded; null when there are none
+    RuleSet ruleSet;       ///< parsed rules to load; null when there are none
     std::string editFile;  ///< the file that holds the rule text during `rule edit`
 };
 
