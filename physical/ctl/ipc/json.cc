@@ -6,14 +6,18 @@ namespace {
 
 constexpr double kTwoTo32 = 4294967296.0;
 
-/// Integers are taken modulo 2^32, as a narrowing conversion does; numbers without a value (none can come out
-/// of a JSON text) give 0.
+/// Integers are taken modulo 2^32, as a narrowing conversion does; infinity, which is what a number beyond
+/// the range of double is read as, gives 0.
 std::uint32_t lowBits(double number) noexcept {
     const double whole = std::fmod(std::trunc(number), kTwoTo32);
     if (std::isnan(whole)) {
         return 0;
     }
     return static_cast<std::uint32_t>(static_cast<std::int64_t>(whole));
+}
+
+std::string_view upToNul(std::string_view bytes) noexcept {
+    return bytes.substr(0, bytes.find('\0'));
 }
 
 }  // namespace
@@ -28,6 +32,10 @@ bool isNumber(const JsonValue* value) noexcept {
 
 bool isString(const JsonValue* value) noexcept {
     return value != nullptr && value->is_string();
+}
+
+bool isAbsentOrString(const JsonValue* value) noexcept {
+    return value == nullptr || isString(value);
 }
 
 const JsonValue* numberMember(const JsonObject& object, std::string_view key) noexcept {
@@ -99,6 +107,9 @@ std::string_view asText(const JsonValue* value) noexcept {
         return {};
     }
     const JsonString& text = value->get_string();
-    const std::string_view bytes(text.data(), text.size());
-    return bytes.substr(0, bytes.find('\0'));
+    return upToNul({text.data(), text.size()});
+}
+
+std::string_view keyText(const boost::json::key_value_pair& member) noexcept {
+    return upToNul({member.key().data(), member.key().size()});
 }

@@ -24,6 +24,8 @@ const JsonValue* member(const JsonObject& object, std::string_view key) noexcept
 /// A JSON number or boolean: a boolean is a number that holds 0 or 1. Null pointers are neither.
 bool isNumber(const JsonValue* value) noexcept;
 bool isString(const JsonValue* value) noexcept;
+/// What an optional string must be: a null pointer or a string.
+bool isAbsentOrString(const JsonValue* value) noexcept;
 
 /// The member when it is present and of the wanted type, else null.
 const JsonValue* numberMember(const JsonObject& object, std::string_view key) noexcept;
@@ -41,5 +43,7 @@ bool asBool(const JsonValue* value) noexcept;
 
 /// The string's UTF-8 bytes as a C string would hold them: up to the first NUL. Empty for anything else.
 std::string_view asText(const JsonValue* value) noexcept;
+/// The same of a member's key.
+std::string_view keyText(const boost::json::key_value_pair& member) noexcept;
 
 #endif

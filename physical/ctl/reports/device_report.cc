@@ -44,10 +44,6 @@ struct Device {
     const JsonValue* appPID;
 };
 
-bool isAbsentOrString(const JsonValue* value) noexcept {
-    return value == nullptr || isString(value);
-}
-
 Device readDevice(Columns& columns, const JsonObject& row) noexcept {
     return {columns.id.of(row),     columns.vid.of(row),     columns.pid.of(row),  columns.rev.of(row),
             columns.port.of(row),   columns.builtIn.of(row), columns.name.of(row), columns.state.of(row),

@@ -8,10 +8,6 @@
 
 namespace {
 
-bool isAbsentOrString(const JsonValue* value) noexcept {
-    return value == nullptr || isString(value);
-}
-
 bool isAbsentOrNumber(const JsonValue* value) noexcept {
     return value == nullptr || isNumber(value);
 }

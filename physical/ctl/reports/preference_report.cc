@@ -1,18 +1,6 @@
 #include "reports/preference_report.h"
 
-#include <string_view>
-
 #include "output/text_writer.h"
-
-namespace {
-
-/// A key as a C string would hold it: up to the first NUL, as all text here is printed.
-std::string_view keyText(boost::json::string_view key) noexcept {
-    const std::string_view bytes(key.data(), key.size());
-    return bytes.substr(0, bytes.find('\0'));
-}
-
-}  // namespace
 
 void outputPrefList(const JsonObject& preferences, std::FILE* stream) noexcept {
     TextWriter out(stream);
@@ -22,9 +10,9 @@ void outputPrefList(const JsonObject& preferences, std::FILE* stream) noexcept {
         if (names == nullptr) {
             continue;
         }
-        out.text(keyText(entry.key())).text("\t");
+        out.text(keyText(entry)).text("\t");
         for (const auto& name : *names) {
-            out.text(keyText(name.key())).text(" ");
+            out.text(keyText(name)).text(" ");
         }
         out.text("\n");
     }
