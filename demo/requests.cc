@@ -235,7 +235,7 @@ constexpr Handler kHandlers[] = {
 
 std::optional<JsonObject> answer(State& state, Client& client, std::int32_t command,
                                  const JsonObject& request) {
-    client.isMonitor = false;
+    client.hasAsked = true;
     for (const Handler& handler : kHandlers) {
         if (handler.command == command) {
             return handler.handle(state, client, request);

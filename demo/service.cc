@@ -28,8 +28,8 @@ bool mayDropConnections(const PeerCredentials& peer) noexcept {
 
 }  // namespace
 
-Service::Service(std::shared_ptr<RvKQueue> loop, State initial) noexcept
-    : kq(std::move(loop)), state(std::move(initial)), happenings(state) {}
+Service::Service(std::shared_ptr<RvKQueue> loop, State initial, std::uint64_t patience) noexcept
+    : kq(std::move(loop)), patienceMs(patience), state(std::move(initial)), happenings(state) {}
 
 Service::~Service() = default;
 
@@ -79,6 +79,7 @@ bool Service::accept(const AcceptedConnection& connection) noexcept {
         Session& session = sessions[endpoint.get()];
         session.endpoint = endpoint;
         session.client.mayDropConnections = mayDropConnections(connection.peer.credentials);
+        waitForFirstRequest(session);
     } catch (const std::exception&) {
         kq->stopObject(endpoint);  // closes the descriptor, so it counts as taken
         return true;
@@ -89,6 +90,41 @@ bool Service::accept(const AcceptedConnection& connection) noexcept {
         return true;
     });
     return true;
+}
+
+/// Without a timer the client counts as a monitor at once.
+void Service::waitForFirstRequest(Session& session) noexcept {
+    session.patience = kq->createTimer(patienceMs, true);
+    if (session.patience == nullptr) {
+        session.isMonitor = true;
+        return;
+    }
+    kq->startObject(session.patience,
+                    [this, endpoint = session.endpoint.get()](RvKQueueEventProtocol*, const char*,
+                                                              std::uint64_t, std::uint64_t*, std::int32_t) {
+                        becomeMonitor(endpoint);
+                        return true;
+                    });
+}
+
+/// The endpoint may be gone: its timer can still fire in the turn in which it was stopped.
+void Service::becomeMonitor(RvKQueueEventProtocol* endpoint) noexcept {
+    const auto found = sessions.find(endpoint);
+    if (found == sessions.end() || found->second.patience == nullptr) {
+        return;
+    }
+    Session& session = found->second;
+    (void)kq->write(endpoint, session.early.data(), session.early.size());  // a lost client reports itself
+    session.isMonitor = true;
+    endPatience(session);
+}
+
+void Service::endPatience(Session& session) noexcept {
+    if (session.patience != nullptr) {
+        kq->stopObject(session.patience);
+        session.patience = nullptr;
+    }
+    session.early = std::string();
 }
 
 /// A client that was closed in this turn may still be heard of; it is no longer known then.
@@ -127,6 +163,8 @@ bool Service::serveFrames(Session& session, std::string_view bytes, std::uint64_
 }
 
 bool Service::serveFrame(Session& session, std::int32_t command, std::string_view body) {
+    endPatience(session);
+    session.isMonitor = false;
     ReplyDecoder decoder;
     if (decoder.decode(body.empty() ? "{}" : body) != DecodeResult::kObject) {
         return false;
@@ -139,24 +177,33 @@ bool Service::serveFrame(Session& session, std::int32_t command, std::string_vie
     return kq->write(session.endpoint, frame.data(), frame.size());
 }
 
-/// Deliberate: events go only to clients that have sent no request. A monitor never sends one, and a client
-/// with a request takes the next frame for its reply: some of its commands end on a frame of any code. Held
-/// by DemoService.EventsGoOnlyToClientsWithoutARequest.
+/// Deliberate: events go only to clients that have sent no request, and not before they have had the time for
+/// one. A monitor never sends any, and a client with a request takes the next frame for its reply: some of
+/// its commands end on a frame of any code. Held by DemoService.EventsGoOnlyToClientsWithoutARequest and
+/// PatientDemoService.EventsDoNotComeBeforeTheFirstReply.
 void Service::broadcast() {
     for (const Event& event : state.takeEvents()) {
         const std::string frame = makeFrame(event.command, event.body);
-        for (const auto& [endpoint, session] : sessions) {
-            if (session.client.isMonitor) {
-                (void)kq->write(endpoint, frame.data(), frame.size());  // a lost client reports itself
-            }
+        for (auto& [endpoint, session] : sessions) {
+            sendEvent(session, frame);
         }
+    }
+}
+
+void Service::sendEvent(Session& session, const std::string& frame) {
+    if (session.isMonitor) {
+        (void)kq->write(session.endpoint, frame.data(), frame.size());
+    } else if (!session.client.hasAsked) {
+        session.early.append(frame);
     }
 }
 
 /// An open transaction goes with its client.
 void Service::close(RvKQueueEventProtocol* endpoint) noexcept {
+    const auto found = sessions.find(endpoint);
+    endPatience(found->second);
     kq->stopObject(endpoint);
-    sessions.erase(endpoint);
+    sessions.erase(found);
 }
 
 }  // namespace demo

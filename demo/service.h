@@ -26,8 +26,13 @@ namespace demo {
 /// This is where exceptions end: a client whose request there is no memory for loses its connection.
 class Service {
   public:
-    /// The loop is shared; the state is taken over.
-    Service(std::shared_ptr<RvKQueue> loop, State initial) noexcept;
+    /// A client that has sent no request for this long after connecting is taken for a monitor.
+    static constexpr std::uint64_t kPatienceMs = 500;
+
+    /// loop        shared
+    /// initial     taken over
+    /// patienceMs  how long a client has for its first request, in milliseconds
+    Service(std::shared_ptr<RvKQueue> loop, State initial, std::uint64_t patienceMs = kPatienceMs) noexcept;
     ~Service();
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -41,18 +46,26 @@ class Service {
   private:
     struct Session {
         std::shared_ptr<RvKQueueEventProtocol> endpoint;  ///< shared with the loop until it is closed
+        std::shared_ptr<RvKQueueEventProtocol> patience;  ///< a timer, likewise; null once it is over
         Client client{};
+        bool isMonitor = false;
+        std::string early{};  ///< the event frames that it is to get if it turns out to be a monitor
     };
 
     bool accept(const AcceptedConnection& connection) noexcept;
+    void waitForFirstRequest(Session& session) noexcept;
+    void becomeMonitor(RvKQueueEventProtocol* endpoint) noexcept;
+    void endPatience(Session& session) noexcept;
     void handleEvent(RvKQueueEventProtocol* endpoint, std::string_view bytes, std::uint64_t* dropSize,
                      std::int32_t event) noexcept;
     bool serveFrames(Session& session, std::string_view bytes, std::uint64_t* dropSize);
     bool serveFrame(Session& session, std::int32_t command, std::string_view body);
     void broadcast();
+    void sendEvent(Session& session, const std::string& frame);
     void close(RvKQueueEventProtocol* endpoint) noexcept;
 
     const std::shared_ptr<RvKQueue> kq;  ///< strong; the loop knows the service only through blocks
+    const std::uint64_t patienceMs;
     State state;
     Happenings happenings;
     std::unordered_map<RvKQueueEventProtocol*, Session> sessions;

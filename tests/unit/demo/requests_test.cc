@@ -172,10 +172,10 @@ TEST_F(DemoRequests, MalformedRequestsHaveNoReply) {
     EXPECT_EQ(state.connections().size(), 4U);
 }
 
-TEST_F(DemoRequests, AClientWithARequestIsNoMonitor) {
-    EXPECT_TRUE(client.isMonitor);
-    EXPECT_EQ(ask(kCmdDeviceList).substr(0, 14), R"({"status":"ok")");
-    EXPECT_FALSE(client.isMonitor);
+TEST_F(DemoRequests, EveryRequestCountsAsAskingEvenAMalformedOne) {
+    EXPECT_FALSE(client.hasAsked);
+    EXPECT_EQ(ask(99), kMalformed);
+    EXPECT_TRUE(client.hasAsked);
 }
 
 }  // namespace

@@ -69,14 +69,21 @@ class Peer {
 
 class DemoService : public testing::Test {
   protected:
-    DemoService() {
+    explicit DemoService(std::uint64_t patienceMs = 1)
+        : service(loop, makeState(R"([{"action":"share"}])"), patienceMs) {
         EXPECT_TRUE(service.listen(kPath));
         loop->start();
     }
     ~DemoService() override { loop->stop(); }
 
     std::shared_ptr<RvKQueue> loop = RvKQueue::initWithSubsystem("test.demo");
-    Service service{loop, makeState(R"([{"action":"share"}])")};
+    Service service;
+};
+
+/// Clients have all the time that they want for their first request.
+class PatientDemoService : public DemoService {
+  protected:
+    PatientDemoService() : DemoService(3'600'000) {}
 };
 
 constexpr char kRulesChanged[] = "12 {}";
@@ -126,6 +133,21 @@ TEST_F(DemoService, EventsGoOnlyToClientsWithoutARequest) {
     EXPECT_EQ(monitor.ask(kCmdStartRuleTransaction), R"(6 {"status":"ok"})");
     EXPECT_EQ(peer.ask(kCmdDisconnectDevice, R"({"id":2})"), R"(3 {"status":"ok"})");
     EXPECT_EQ(monitor.ask(kCmdEndRuleTransaction, R"({"action":"rollback"})"), R"(11 {"status":"ok"})");
+}
+
+TEST_F(PatientDemoService, EventsDoNotComeBeforeTheFirstReply) {
+    Peer late;
+    Peer peer;
+    EXPECT_EQ(peer.ask(kCmdDisconnectDevice, R"({"id":1})"), R"(3 {"status":"ok"})");
+    EXPECT_EQ(late.ask(kCmdStartRuleTransaction), R"(6 {"status":"ok"})");
+    EXPECT_EQ(peer.ask(kCmdDisconnectDevice, R"({"id":2})"), R"(3 {"status":"ok"})");
+    EXPECT_EQ(late.ask(kCmdEndRuleTransaction, R"({"action":"rollback"})"), R"(11 {"status":"ok"})");
+}
+
+TEST_F(PatientDemoService, AClientMayLeaveWithoutARequest) {
+    { Peer silent; }
+    Peer peer;
+    EXPECT_EQ(peer.ask(kCmdStartRuleTransaction), R"(6 {"status":"ok"})");
 }
 
 TEST_F(DemoService, ATransactionEndsWithItsConnection) {
