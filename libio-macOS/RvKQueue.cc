@@ -168,6 +168,8 @@ void RvKQueue::resubmit(const ByteBuffer& records, const Registry& stopped) noex
     }
 }
 
+// Deliberate: an endpoint that has left the registry can still remove its filters, which its stop does after
+// it has left, but never add new ones. Held by RvKQueueScript.AnAdditionForAnUnregisteredEndpointIsDropped.
 void RvKQueue::submitChange(const struct kevent& change) noexcept {
     {
         const LockGuard guard(lock);
@@ -190,6 +192,8 @@ void RvKQueue::wakeIoThread() noexcept {
     }
 }
 
+// Deliberate: true whatever happened, also for endpoints that cannot write: what becomes of output is known
+// only later and reported as event 2. Held by RvKQueueRun.WriteIsTrueForEndpointsThatCannotWrite.
 bool RvKQueue::write(RvKQueueEventProtocol* endpoint, const void* buffer, std::uint64_t size) noexcept {
     endpoint->write(buffer, size);
     return true;

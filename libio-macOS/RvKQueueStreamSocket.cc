@@ -28,17 +28,17 @@ std::shared_ptr<RvKQueueStreamSocket> RvKQueue::createStreamSocket(std::int32_t 
 std::shared_ptr<RvKQueueStreamSocket> RvKQueueStreamSocket::initWithSocket(
     std::int32_t sock, bool closeOnStop, const std::shared_ptr<RvKQueue>& parent,
     const OsLog& logger) noexcept {
-    auto endpoint = makeEndpoint<RvKQueueStreamSocket>(sock, closeOnStop, parent, logger);
+    auto endpoint = makeEndpoint<RvKQueueStreamSocket>(sock, closeOnStop, true, parent, logger);
     return endpoint && endpoint->isUsable() ? endpoint : nullptr;
 }
 
-RvKQueueStreamSocket::RvKQueueStreamSocket(std::int32_t ownedSock, bool shouldCloseOnStop,
+RvKQueueStreamSocket::RvKQueueStreamSocket(std::int32_t ownedSock, bool shouldCloseOnStop, bool connected,
                                            std::weak_ptr<RvKQueue> parentLoop, const OsLog& log) noexcept
     : parent(std::move(parentLoop)),
       logger(log),
       sock(ownedSock),
       closeOnStop(shouldCloseOnStop),
-      isConnected(ownedSock != -1) {}
+      isConnected(connected) {}
 
 bool RvKQueueStreamSocket::connectTo(const struct sockaddr* address) noexcept {
     isConnected = false;
@@ -76,6 +76,8 @@ void RvKQueueStreamSocket::kevent(const struct kevent* record) noexcept {
     }
 }
 
+// Deliberate: the filter stays armed after the end, which is reported each turn until the owner stops the
+// endpoint. Held by RvKQueueStreamSocketRun.ThePeersCloseIsEventTwoUntilRetired.
 void RvKQueueStreamSocket::receive(std::int64_t available) noexcept {
     callEvent(readAvailable(sock, available, &rx) ? kEventData : kEventClosed);
 }

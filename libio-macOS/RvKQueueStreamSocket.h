@@ -36,9 +36,9 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
                                                                 const std::shared_ptr<RvKQueue>& parent,
                                                                 const OsLog& logger) noexcept;
 
-    /// For initWithSocket and the like: an endpoint that is connected if it has a socket.
-    RvKQueueStreamSocket(std::int32_t ownedSock, bool shouldCloseOnStop, std::weak_ptr<RvKQueue> parentLoop,
-                         const OsLog& log) noexcept;
+    /// For initWithSocket and the like.
+    RvKQueueStreamSocket(std::int32_t ownedSock, bool shouldCloseOnStop, bool connected,
+                         std::weak_ptr<RvKQueue> parentLoop, const OsLog& log) noexcept;
 
     void enableOnData(EventBlock block) noexcept override;
     void kevent(const struct kevent* record) noexcept override;

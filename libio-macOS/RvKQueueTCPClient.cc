@@ -28,7 +28,7 @@ std::shared_ptr<RvKQueueTCPClient> RvKQueueTCPClient::initWithParent(const std::
 }
 
 RvKQueueTCPClient::RvKQueueTCPClient(std::weak_ptr<RvKQueue> parentLoop, const OsLog& log) noexcept
-    : RvKQueueStreamSocket(-1, true, std::move(parentLoop), log) {}
+    : RvKQueueStreamSocket(-1, true, false, std::move(parentLoop), log) {}
 
 bool RvKQueueTCPClient::connectToAddress(const struct sockaddr* address) noexcept {
     sock = makeStreamSocket(address->sa_family);

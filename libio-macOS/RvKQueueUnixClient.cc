@@ -31,7 +31,7 @@ std::shared_ptr<RvKQueueUnixClient> RvKQueueUnixClient::initWithParent(
 }
 
 RvKQueueUnixClient::RvKQueueUnixClient(std::weak_ptr<RvKQueue> parentLoop, const OsLog& log) noexcept
-    : RvKQueueStreamSocket(-1, true, std::move(parentLoop), log) {}
+    : RvKQueueStreamSocket(-1, true, false, std::move(parentLoop), log) {}
 
 bool RvKQueueUnixClient::connectToPath(const char* path) noexcept {
     sock = makeStreamSocket(AF_UNIX);

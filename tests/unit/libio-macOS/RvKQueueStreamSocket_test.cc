@@ -267,6 +267,21 @@ TEST_F(RvKQueueStreamSocketRun, DeliversAndSends) {
     EXPECT_EQ(0, recorder.count(kEventClosed));
 }
 
+TEST_F(RvKQueueStreamSocketRun, ADescriptorThatIsNotOpenIsEventTwo) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const int closed = pair[0];
+    pair.close(0);
+    for (const int descriptor : {closed, -1}) {
+        Recorder recorder;
+        const auto endpoint = loop->createStreamSocket(descriptor, false);
+        loop->startObject(endpoint, recorder.block());
+        EXPECT_EQ(1, recorder.count(kEventConnected));
+        EXPECT_TRUE(recorder.waitFor(kEventClosed));
+        EXPECT_EQ(0, recorder.count(kEventData));
+        loop->stopObject(endpoint);
+    }
+}
+
 TEST_F(RvKQueueStreamSocketRun, ThePeersCloseIsEventTwoUntilRetired) {
     DescriptorPair pair = DescriptorPair::socketPair();
     Recorder recorder;

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 
 #include "libio-macOS/AcceptedConnection.h"
@@ -160,7 +161,7 @@ TEST_F(RvKQueueUnixServerAccept, TheBlockSeesAnotherProcess) {
 
 TEST_F(RvKQueueUnixServerAccept, ARefusedConnectionIsShutDownAndClosed) {
     const auto server = loop->createUnixServer(path.c_str(), 0600);
-    int duplicate = -1;
+    std::atomic<int> duplicate{-1};
     loop->startObject(server, recorder.block([&](const RecordedEvent& event, std::uint64_t*) {
         duplicate = dup(acceptedIn(event).descriptor);
         return false;

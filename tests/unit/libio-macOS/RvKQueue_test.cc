@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <future>
 
 #include "libio-macOS/RvKQueueBipipeClient.h"
@@ -248,6 +249,26 @@ TEST_F(RvKQueueRun, ABlocksDestructorMayStopAnotherEndpoint) {
     }
     loop->stopObject(endpoint);
     EXPECT_TRUE(waitUntil([&] { return other->stops == 1; }));
+}
+
+// The loop of a process that ends with exit while the main thread waits for good.
+[[noreturn]] void exitFromABlock() {
+    const auto running = RvKQueue::initWithSubsystem(kTestSubsystem);
+    running->start();
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = running->createStreamSocket(pair.release(0), true);
+    running->startObject(
+        endpoint, [](RvKQueueEventProtocol*, const char*, std::uint64_t, std::uint64_t*, std::int32_t event) {
+            if (event == kEventData) std::exit(7);
+            return true;
+        });
+    writeAll(pair[1], "x");
+    for (;;) pause();
+}
+
+TEST(RvKQueueExitDeathTest, ABlockMayEndTheProcess) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(exitFromABlock(), testing::ExitedWithCode(7), "");
 }
 
 TEST_F(RvKQueueRun, ADroppedLoopGoesOnUntilItsThreadEnds) {
