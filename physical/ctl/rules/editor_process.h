@@ -12,10 +12,10 @@ enum class EditorRun {
 /// Runs `editor`, looked up in PATH, with `path` as its only argument.
 ///
 /// While it runs, SIGINT, SIGQUIT and SIGTSTP are ignored in this process: what is typed at the terminal is
-/// for the editor, which gets these signals, and SIGPIPE, with their default effect or the one this process
-/// was given by its parent, and no signal blocked. When the editor is suspended this process suspends itself,
-/// so that the shell takes over, and both go on together. After a failed run the terminal is as it was before
-/// it.
+/// for the editor, which gets these signals with the effect that this process was given by its parent,
+/// SIGPIPE with its default effect, and no signal blocked. When the editor is suspended this process suspends
+/// itself, so that the shell takes over, and both go on together. After a failed run the terminal is as it
+/// was before it.
 ///
 /// A program that cannot be executed says "Cannot launch editor (%d)." with the error number on standard
 /// error and counts as failed; the other failures are silent here. Thread: any, but only one at a time, as

@@ -11,10 +11,13 @@
 /// Ctrl-C and Ctrl-\, and when the editor suspends itself the tool is suspended with it.
 ///
 /// After a failed run the user is asked whether to try again; only "n", or the end of an input that is no
-/// terminal, means no. path  the file; handed to the editor as its only argument Returns true once a run has
-/// ended with status 0; false when the user gave up, or after a message on standard error. Thread: any, but
-/// only one at a time; the calling thread waits. Signal dispositions of the process are changed while an
-/// editor runs.
+/// terminal, means no.
+///
+/// path  the file; handed to the editor as its only argument
+/// Returns true once a run has ended with status 0; false when the user gave up, or after a message on
+/// standard error.
+/// Thread: any, but only one at a time; the calling thread waits. Signal dispositions of the process are
+/// changed while an editor runs.
 bool runEditor(const char* path) noexcept;
 
 /// Edits a file until it parses.

@@ -15,7 +15,8 @@
 /// stream    gets the rules and nothing else; write errors are left to its owner (ferror(3))
 /// Returns kExitOk; or, with nothing written to `stream` and one line on standard error, kExitIo: "Internal
 /// error." when the reply has a status string, as error replies do, "Rule list format error." when it has no
-/// rules array. Thread: any that owns the stream.   See docs/rule-language.md, "Printing".
+/// rules array.
+/// Thread: any that owns the stream. See docs/rule-language.md, "Printing".
 int outputRuleList(const JsonObject& reply, bool numbered, std::FILE* stream) noexcept;
 
 #endif

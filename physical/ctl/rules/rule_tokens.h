@@ -17,8 +17,7 @@ class RuleTokens {
     };
 
     /// line   borrowed; must outlive this object and the tokens
-    /// arena  borrowed; overwritten; tokens point into it. Lines of one text may share it, one after the
-    /// other.
+    /// arena  borrowed; overwritten; tokens point into it. Lines of one text may share it in turn.
     RuleTokens(std::string_view line, std::string& arena) noexcept;
 
     /// Finds the next token.
