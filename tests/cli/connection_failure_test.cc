@@ -160,6 +160,32 @@ TEST(ConnectionFailure, SignalEndsAWaitingTool) {
     EXPECT_EQ("", exchange.tool.out + exchange.tool.err);
 }
 
+// A connection that took the number of a closed stream would receive what is written for the user.
+TEST(ConnectionFailure, ClosedStreamsAreNotReplacedByTheConnection) {
+    const Command direct = tool({"dev", "unplug", "4"});
+    for (const char* closed : {"<&-", ">&-", "2>&-", "<&- >&-", "<&- >&- 2>&-"}) {
+        SCOPED_TRACE(closed);
+        Command command = direct;
+        command.path = "/bin/sh";
+        command.words = {"-c", std::string("exec \"$0\" \"$@\" ") + closed, direct.path};
+        command.words.insert(command.words.end(), direct.words.begin(), direct.words.end());
+        const Exchange exchange = converse(command, Script().reply(kUnplug, kReplyNotFound));
+        const bool silent = std::string_view(closed).find('2') != std::string_view::npos;
+        expectResult(exchange.tool, kNotFound, "", silent ? "" : kDeviceNotFound);
+        expectRequests(exchange, {{kUnplug, R"({"id":4})"}});
+    }
+}
+
+TEST(ConnectionFailure, ReportForAClosedStreamDoesNotGoToTheDaemon) {
+    const Command direct = tool({"dev"});
+    Command command = direct;
+    command.path = "/bin/sh";
+    command.words = {"-c", "exec \"$0\" dev >&-", direct.path};
+    const Exchange exchange = converse(command, Script().reply(kDevices, R"({"devices":[]})"));
+    expectResult(exchange.tool, kOk, "", "");
+    expectRequests(exchange, {{kDevices, ""}});
+}
+
 // A closed pipe on standard output is a failed write, not a death by signal.
 TEST(ConnectionFailure, ReaderOfStandardOutputMayGoAway) {
     FakeDaemon daemon(Script().receive().hold().sendFrame(kDevices, R"({"devices":[]})"));

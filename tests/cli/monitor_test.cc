@@ -177,6 +177,10 @@ struct Zone {
     long east;          ///< seconds
 };
 
+void PrintTo(const Zone& row, std::ostream* out) {
+    *out << row.name;
+}
+
 class MonitorStamp : public ::testing::TestWithParam<Zone> {};
 
 // The stamp is the local time between the moments before and after the event.
