@@ -6,6 +6,7 @@
 #include "platform/linux/kevent_collect.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <poll.h>
 #include <sys/epoll.h>
 
@@ -24,9 +25,10 @@ constexpr int kReports = 512;
 constexpr int64_t kPollIntervalNs = 10'000'000;
 /// A number that was checked before a wait of this length or more is checked again after it: another thread
 /// may have closed it meanwhile.
-constexpr int64_t kCheckHoldsNs = 20'000;
+constexpr int64_t kCheckHoldsNs = 100'000;
 /// The pause before another attempt to replace an epoll instance when no descriptor was to be had.
 constexpr int64_t kRebuildPauseNs = 1'000'000;
+constexpr int64_t kNsPerMs = 1'000'000;
 constexpr uint32_t kSources = 3;
 
 constexpr unsigned kRead = 1;
@@ -42,6 +44,7 @@ struct Collector {
     bool unread;    // epoll may have more to report
     bool repeated;  // epoll has begun to report the same entries again
     bool raced;     // another thread changed registrations during the wait
+    int64_t now;    // CLOCK_MONOTONIC
 
     bool full() const { return count == room; }
 };
@@ -55,6 +58,8 @@ void emit(Collector& c, const Entry& entry, Knote& knote, int16_t filter, const 
     event.data = readiness.data;
     event.udata = knote.udata;
     knote.reported = c.queue.call;
+    knote.told = readiness.data;
+    knote.wasTold = true;
     if ((knote.flags & EV_ONESHOT) != 0) {
         knote = Knote{};
     } else if ((knote.flags & EV_DISPATCH) != 0) {
@@ -69,13 +74,19 @@ Readiness readinessOf(Entry& entry, unsigned filter, uint32_t events) {
     return filter == kRead ? readReadiness(entry, events) : writeReadiness(entry, events);
 }
 
+/// Nothing tells a change of a file that epoll refuses but its byte count.
+bool isOldNews(const Entry& entry, const Knote& knote, const Readiness& readiness) {
+    return entry.alwaysReady && (knote.flags & EV_CLEAR) != 0 && knote.wasTold &&
+           knote.told == readiness.data;
+}
+
 /// Returns false if there was no room to look at the filter.
 bool deliverFilter(Collector& c, Entry& entry, unsigned filter, uint32_t events) {
     Knote& knote = filter == kRead ? entry.read : entry.write;
     if (!knote.enabled || knote.reported == c.queue.call) return true;
     if (c.full()) return false;
     const Readiness readiness = readinessOf(entry, filter, events);
-    if (!readiness.active) return true;
+    if (!readiness.active || isOldNews(entry, knote, readiness)) return true;
     if (filter == kRead && entry.checked == c.queue.call) entry.returned = c.queue.call;
     emit(c, entry, knote, filter == kRead ? EVFILT_READ : EVFILT_WRITE, readiness);
     return true;
@@ -155,11 +166,17 @@ int reportsThatFit(const Collector& c) {
     return room - spare < kReports ? room - spare : kReports;
 }
 
+/// The older call is a little cheaper, and as exact if the time is given in whole milliseconds.
 int waitFor(int epoll, epoll_event* reports, int limit, int64_t ns) {
-    if (ns == 0) return epoll_wait(epoll, reports, limit, 0);
     if (ns == INT64_MAX) return epoll_wait(epoll, reports, limit, -1);
+    if (ns % kNsPerMs == 0 && ns / kNsPerMs <= INT_MAX) {
+        return epoll_wait(epoll, reports, limit, static_cast<int>(ns / kNsPerMs));
+    }
     const timespec timeout{ns / kNsPerSecond, ns % kNsPerSecond};
-    return epoll_pwait2(epoll, reports, limit, &timeout, nullptr);
+    const int n = epoll_pwait2(epoll, reports, limit, &timeout, nullptr);
+    if (n != -1 || errno != ENOSYS) return n;
+    const int64_t ms = ns / kNsPerMs + 1;  // kernels before 5.11: never too short, or the loop would be busy
+    return epoll_wait(epoll, reports, limit, ms < INT_MAX ? static_cast<int>(ms) : INT_MAX);
 }
 
 /// Waits with the lock released.
@@ -171,10 +188,11 @@ int waitUnlocked(Collector& c, epoll_event* reports, int limit, int64_t ns) {
     const int epoll = queue.fd;
     ++queue.waiters;
     (void)pthread_mutex_unlock(&queue.lock);
-    const int64_t begin = clockNs(CLOCK_MONOTONIC);
+    const int64_t begin = c.now;
     const int n = waitFor(epoll, reports, limit, ns);
     const int error = errno;
-    const bool brief = clockNs(CLOCK_MONOTONIC) - begin < kCheckHoldsNs;
+    c.now = clockNs(CLOCK_MONOTONIC);
+    const bool brief = c.now - begin < kCheckHoldsNs;
     (void)pthread_mutex_lock(&queue.lock);
     --queue.waiters;
     c.raced = queue.changes != changes;
@@ -206,9 +224,9 @@ bool takeEpoll(Collector& c, int64_t ns) {
     return true;
 }
 
-void takeTimers(Collector& c, int64_t now) {
+void takeTimers(Collector& c) {
     if (c.timersTaken || c.full()) return;
-    const int taken = collectTimers(c.queue.timers, now, c.list + c.count, c.room - c.count);
+    const int taken = collectTimers(c.queue.timers, c.now, c.list + c.count, c.room - c.count);
     c.count += taken;
     c.timersTaken = taken > 0;
 }
@@ -269,19 +287,19 @@ void takeWritable(Collector& c) {
     }
 }
 
-bool hasUserSpaceEvents(const Collector& c, int64_t now) {
+bool hasUserSpaceEvents(const Collector& c) {
     const KnoteTable& knotes = c.queue.knotes;
-    return firstDeadline(c.queue.timers) <= now || knotes.polled.count > 0 || knotes.writable.count > 0;
+    return firstDeadline(c.queue.timers) <= c.now || knotes.polled.count > 0 || knotes.writable.count > 0;
 }
 
 /// Collects without waiting. The sources take turns in being the first, so that none keeps a short list for
 /// itself.
-bool takeReady(Collector& c, int64_t now) {
+bool takeReady(Collector& c) {
     const uint32_t turn = c.queue.turn++;
     for (uint32_t i = 0; i < kSources; ++i) {
         switch ((turn + i) % kSources) {
             case 0:
-                takeTimers(c, now);
+                takeTimers(c);
                 break;
             case 1:
                 takePolled(c);
@@ -294,7 +312,8 @@ bool takeReady(Collector& c, int64_t now) {
     return true;
 }
 
-int64_t waitTime(const Collector& c, int64_t now, int64_t expiry) {
+int64_t waitTime(const Collector& c, int64_t expiry) {
+    const int64_t now = c.now;
     const int64_t deadline = firstDeadline(c.queue.timers);
     const int64_t until = deadline < expiry ? deadline : expiry;
     const bool polls = c.queue.knotes.polled.count > 0;
@@ -320,20 +339,19 @@ int64_t expiryOf(const timespec* timeout, int64_t now) {
 }
 
 /// Returns false with errno.
-bool collectUntil(Collector& c, int64_t now, int64_t expiry) {
+bool collectUntil(Collector& c, int64_t expiry) {
     bool waited = false;
     for (;;) {
         if (c.queue.knotes.polled.count > 0) askParked(c.queue);
-        if (hasUserSpaceEvents(c, now) && !takeReady(c, now)) return false;
+        if (hasUserSpaceEvents(c) && !takeReady(c)) return false;
         dropStale(c);
-        if (c.count > 0 || (waited && now >= expiry)) return true;
+        if (c.count > 0 || (waited && c.now >= expiry)) return true;
         handToEpoll(c.queue, false);
-        if (!takeEpoll(c, waitTime(c, now, expiry))) return false;
+        if (!takeEpoll(c, waitTime(c, expiry))) return false;
         waited = true;
-        now = clockNs(CLOCK_MONOTONIC);
         dropStale(c);
         if (c.count > 0) {
-            takeTimers(c, now);
+            takeTimers(c);
             return true;
         }
     }
@@ -342,10 +360,9 @@ bool collectUntil(Collector& c, int64_t now, int64_t expiry) {
 }  // namespace
 
 int collectEvents(Kqueue& queue, struct kevent* list, int room, const timespec* timeout) {
-    Collector c{queue, list, room, 0, false, false, false, false, false};
-    const int64_t now = clockNs(CLOCK_MONOTONIC);
+    Collector c{queue, list, room, 0, false, false, false, false, false, clockNs(CLOCK_MONOTONIC)};
     handToEpoll(queue, true);
-    if (!collectUntil(c, now, expiryOf(timeout, now))) return -1;
+    if (!collectUntil(c, expiryOf(timeout, c.now))) return -1;
     const bool deferred = firstDeadline(queue.timers) != INT64_MAX || queue.knotes.polled.count > 0;
     if (queue.waiters > 0 && deferred) wakeWaiter(queue);  // this thread may have been the one that was woken
     return c.count;

@@ -116,6 +116,7 @@ void merge(Knote& knote, const struct kevent& change) {
         knote.flags = change.flags;
     }
     knote.udata = change.udata;
+    knote.wasTold = false;
     if ((change.flags & EV_DISABLE) != 0) {
         knote.enabled = false;
     } else if ((change.flags & EV_ENABLE) != 0) {

@@ -71,22 +71,21 @@ int applyChanges(Kqueue& queue, const struct kevent* changes, int nchanges, stru
 /// True if the number is an epoll instance. The list of this wait cannot be written to, so that nothing is
 /// taken from the instance: what is ready makes the call fail with EFAULT and stays ready.
 bool isEpoll(int fd) {
+    const int error = errno;
     const volatile uintptr_t unmapped =
         1;  // volatile: the compiler would warn of the overflow that is wanted here
-    return epoll_wait(fd, reinterpret_cast<epoll_event*>(unmapped), 1, 0) != -1 || errno == EFAULT;
+    const bool is = epoll_wait(fd, reinterpret_cast<epoll_event*>(unmapped), 1, 0) != -1 || errno == EFAULT;
+    errno = error;
+    return is;
 }
 
-/// Ends a call that does not collect events. If the kernel was not asked about the queue's descriptor so far,
-/// it is now: a closed queue has no changes that fail or succeed.
-int finishChanges(Kqueue& queue, int result) {
+/// Collects, unless records have to be returned at once or there is no room for events.
+int finish(Kqueue& queue, int records, struct kevent* events, int nevents, const timespec* timeout) {
+    if (records == 0 && nevents > 0) return collectEvents(queue, events, nevents, timeout);
     const int error = errno;
     handToEpoll(queue, false);
-    if (!queue.kernelSeen && !isEpoll(queue.fd)) {
-        errno = EBADF;
-        return -1;
-    }
     errno = error;
-    return result;
+    return records;
 }
 
 }  // namespace
@@ -114,6 +113,10 @@ int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent*
     const int records = applyChanges(*queue, changelist, nchanges, eventlist, nevents);
     if (queue->pollsChanged) wakeWaiter(*queue);
     queue->pollsChanged = false;
-    if (records != 0 || nevents == 0) return finishChanges(*queue, records);
-    return collectEvents(*queue, eventlist, nevents, timeout);
+    const int result = finish(*queue, records, eventlist, nevents, timeout);
+    // A closed queue has neither events nor changes that fail: if the kernel was not asked about it so far,
+    // it is now.
+    if (queue->kernelSeen || isEpoll(queue->fd)) return result;
+    errno = EBADF;
+    return -1;
 }

@@ -28,7 +28,9 @@ enum class FileKind : uint8_t {
 struct Knote {
     void* udata;
     uint64_t reported;  // the call that returned it last
+    int64_t told;       // data of the last event, for EV_CLEAR on an always-ready file
     uint16_t flags;     // of the first EV_ADD
+    bool wasTold;
     bool present;
     bool enabled;
 };

@@ -119,6 +119,20 @@ TEST(KeventCall, ClosedQueueIsBad) {
     EXPECT_EQ(errno, EBADF);
 }
 
+TEST(KeventCall, ClosedQueueHasNoTimersThatAreDue) {
+    Queue queue;
+    const int number = queue.fd();
+    for (uint64_t ident = 0; ident < 3; ++ident)
+        ASSERT_EQ(queue.apply(change(ident, EVFILT_TIMER, kArm, 0)), 0);
+    queue.close();
+    struct kevent event {};
+    const timespec none{};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(kevent(number, nullptr, 0, &event, 1, &none), -1);
+        EXPECT_EQ(errno, EBADF);
+    }
+}
+
 TEST(KeventCall, NumberOfAClosedQueueThatIsAnotherFileIsBad) {
     Queue queue;
     const int number = queue.fd();

@@ -130,6 +130,23 @@ TEST(KeventFlags, ClearFiresForWhatIsThereAlready) {
     EXPECT_EQ(queue.next().data, 3) << "enabling looks again";
 }
 
+TEST(KeventFlags, ClearOnARegularFileFiresOncePerChange) {
+    const Queue queue;
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    const Fd fd(dup(fileno(file)));
+    (void)fclose(file);
+    ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    EXPECT_THAT(queue.next(), IsEvent(ident(fd), EVFILT_WRITE));
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(pwrite(fd.get(), "abc", 3, 0), 3);
+    EXPECT_EQ(queue.next().data, 3);
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    ASSERT_EQ(pwrite(fd.get(), "de", 2, 3), 2);
+    EXPECT_EQ(queue.next().data, 5);
+}
+
 TEST(KeventFlags, ClearOnBothFilters) {
     const Queue queue;
     const Pair pair = unixPair();

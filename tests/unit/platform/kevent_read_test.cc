@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 
@@ -231,6 +232,29 @@ TEST(KeventRead, DeviceThatCannotBeWaitedForIsAlwaysReady) {
     EXPECT_THAT(queue.next(), IsEvent(ident(null), EVFILT_READ));
     ASSERT_EQ(queue.apply(change(ident(null), EVFILT_READ, EV_DELETE)), 0);
     EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventRead, DatagramSocketIsNeitherUnconnectedNorEnded) {
+    const Queue queue;
+    std::array<int, 2> fds{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, fds.data()), 0);
+    const Fd near(fds[0]);
+    const Fd far(fds[1]);
+    ASSERT_EQ(queue.apply(change(ident(near), EVFILT_READ, kArm)), 0);
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    ASSERT_EQ(send(far.get(), "abc", 3, 0), 3);
+    auto event = queue.next();
+    EXPECT_EQ(event.flags, kArm);
+    EXPECT_EQ(event.data, 3);
+    EXPECT_EQ(readSome(near.get()), "abc");
+    ASSERT_EQ(send(far.get(), "", 0, 0), 0);
+    event = queue.next();
+    EXPECT_EQ(event.flags, kArm);
+    EXPECT_GE(event.data, 1) << "an empty datagram is no end";
+    EXPECT_EQ(readSome(near.get()), "");
+    EXPECT_TRUE(queue.collect().empty());
+    ASSERT_EQ(queue.apply(change(ident(near), EVFILT_WRITE, kArm)), 0);
+    EXPECT_GE(queue.next().data, 1);
 }
 
 TEST(KeventRead, UrgentMarkIsNotTheEnd) {
