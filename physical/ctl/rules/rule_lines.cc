@@ -9,8 +9,8 @@ namespace {
 /// Bytes at which a run of kept bytes may have to stop.
 constexpr std::array<bool, 256> kSpecial = [] {
     std::array<bool, 256> special{};
-    for (const unsigned char byte : {'\0', '\n', '"', '#', '\\'}) {
-        special[byte] = true;
+    for (const char byte : {'\0', '\n', '"', '#', '\\'}) {
+        special[static_cast<unsigned char>(byte)] = true;
     }
     return special;
 }();

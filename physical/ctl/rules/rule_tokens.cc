@@ -12,9 +12,10 @@ using ByteSet = std::array<bool, 256>;
 /// The bytes at which a run of plain token bytes ends, outside quotes ([0]) and inside ([1]).
 constexpr std::array<ByteSet, 2> kStops = [] {
     std::array<ByteSet, 2> stops{};
-    for (const unsigned char byte : {'"', '\\', ' ', '\t', '\n', '\v', '\f', '\r'}) {
-        stops[0][byte] = true;
-        stops[1][byte] = byte == '"' || byte == '\\';
+    for (const char byte : {'"', '\\', ' ', '\t', '\n', '\v', '\f', '\r'}) {
+        const auto place = static_cast<unsigned char>(byte);
+        stops[0][place] = true;
+        stops[1][place] = byte == '"' || byte == '\\';
     }
     return stops;
 }();
