@@ -126,21 +126,6 @@ std::optional<std::string> encodeFrame(const JsonObject* dictionary, std::int32_
     }
 }
 
-template <class Callback>
-bool replace(std::mutex& lock, std::shared_ptr<const Callback>& slot, Callback&& callback) noexcept {
-    std::shared_ptr<const Callback> fresh;
-    try {
-        if (callback) {
-            fresh = std::make_shared<const Callback>(std::move(callback));
-        }
-    } catch (const std::exception&) {
-        return false;
-    }
-    const std::lock_guard<std::mutex> guard(lock);
-    slot.swap(fresh);
-    return true;
-}
-
 }  // namespace
 
 std::shared_ptr<RvTetherIPCClient> RvTetherIPCClient::initWithKQueue(
@@ -164,30 +149,27 @@ RvTetherIPCClient::RvTetherIPCClient(Private, const std::shared_ptr<RvKQueue>& k
 RvTetherIPCClient::~RvTetherIPCClient() = default;
 
 bool RvTetherIPCClient::setOnConnected(OnConnected callback) noexcept {
-    return replace(callbackLock, onConnected_, std::move(callback));
+    return onConnected_.set(std::move(callback));
 }
 
 bool RvTetherIPCClient::setOnData(OnData callback) noexcept {
-    return replace(callbackLock, onData_, std::move(callback));
+    return onData_.set(std::move(callback));
 }
 
 bool RvTetherIPCClient::setOnError(OnError callback) noexcept {
-    return replace(callbackLock, onError_, std::move(callback));
+    return onError_.set(std::move(callback));
 }
 
 std::shared_ptr<const RvTetherIPCClient::OnConnected> RvTetherIPCClient::onConnected() const noexcept {
-    const std::lock_guard<std::mutex> guard(callbackLock);
-    return onConnected_;
+    return onConnected_.get();
 }
 
 std::shared_ptr<const RvTetherIPCClient::OnData> RvTetherIPCClient::onData() const noexcept {
-    const std::lock_guard<std::mutex> guard(callbackLock);
-    return onData_;
+    return onData_.get();
 }
 
 std::shared_ptr<const RvTetherIPCClient::OnError> RvTetherIPCClient::onError() const noexcept {
-    const std::lock_guard<std::mutex> guard(callbackLock);
-    return onError_;
+    return onError_.get();
 }
 
 void RvTetherIPCClient::start() noexcept {

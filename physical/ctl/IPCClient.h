@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string_view>
 
+#include "ipc/callback_slot.h"
 #include "ipc/command.h"
 #include "ipc/json.h"
 
@@ -41,7 +41,7 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
     ~RvTetherIPCClient();
 
     /// The callbacks run on the engine's I/O thread. Setting one replaces it; one that is not set is not
-    /// called. A setter returns false, and leaves the callback unset, when there is no memory for it. A
+    /// called. A setter returns false, and leaves the callback as it was, when there is no memory for it. A
     /// getter returns the callback that is set at that moment, or null. Any thread.
     bool setOnConnected(OnConnected callback) noexcept;
     bool setOnData(OnData callback) noexcept;
@@ -96,10 +96,9 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
     std::weak_ptr<RvKQueue> kq;                    ///< the loop that runs the connection; not kept alive
     std::shared_ptr<RvKQueueEventProtocol> unix_;  ///< strong until stop()
 
-    mutable std::mutex callbackLock;  ///< guards the three callbacks
-    std::shared_ptr<const OnConnected> onConnected_;
-    std::shared_ptr<const OnData> onData_;
-    std::shared_ptr<const OnError> onError_;
+    CallbackSlot<OnConnected> onConnected_;
+    CallbackSlot<OnData> onData_;
+    CallbackSlot<OnError> onError_;
 };
 
 #endif
