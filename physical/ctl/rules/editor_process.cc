@@ -114,39 +114,57 @@ pid_t waitForChange(pid_t child, int& status, int options) noexcept {
     return result;
 }
 
-/// True when `child`, seen stopped, has been continued since; the news is taken note of only once.
-bool hasContinued(pid_t child) noexcept {
+/// True when `child` has stopped (WSTOPPED) or has been continued (WCONTINUED) since and nobody has waited
+/// for that yet. It can still be waited for.
+bool hasNews(pid_t child, int event) noexcept {
     siginfo_t news = {};
-    return ::waitid(P_PID, static_cast<id_t>(child), &news, WCONTINUED | WNOHANG) == 0 &&
+    return ::waitid(P_PID, static_cast<id_t>(child), &news, event | WNOHANG | WNOWAIT) == 0 &&
            news.si_pid == child;
 }
 
-/// Stops this process, all threads of it, until the shell continues it. Where no shell could do that (the
-/// process group is orphaned) the kernel ignores the stop, and this function returns at once.
-void suspendSelf() noexcept {
-    struct sigaction ignored = {};
-    setDisposition(SIGTSTP, SIG_DFL, &ignored);
-    sigset_t suspend;
-    sigset_t previous;
-    (void)::sigemptyset(&suspend);
-    (void)::sigaddset(&suspend, SIGTSTP);
-    (void)::pthread_sigmask(SIG_UNBLOCK, &suspend, &previous);
-    (void)::raise(SIGTSTP);  // to this thread, so that it takes effect here and now
-    (void)::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    (void)::sigaction(SIGTSTP, &ignored, nullptr);
+sigset_t maskOf(int signal) noexcept {
+    sigset_t mask;
+    (void)::sigemptyset(&mask);  // neither can fail
+    (void)::sigaddset(&mask, signal);
+    return mask;
 }
 
-/// Waits for the end of `child`. A suspended child is followed: the shell waits for us, not for it. If the
-/// same key or call that stopped the child stopped us too, it runs again by the time that we look.
+/// Stops this process, all threads of it, until the shell continues it, unless it has been continued together
+/// with `child` since that was seen stopped: then one and the same event has stopped both.
+///
+/// The stop is first put in the queue and only then let through. If another stop comes before it and is over,
+/// the kernel takes it out of the queue, so the user never has to continue us twice. Where no shell could
+/// continue us (the process group is orphaned) the kernel ignores it.
+void suspendSelf(pid_t child) noexcept {
+    const sigset_t suspend = maskOf(SIGTSTP);
+    sigset_t previous;
+    struct sigaction ignored = {};
+    (void)::pthread_sigmask(SIG_BLOCK, &suspend, &previous);
+    setDisposition(SIGTSTP, SIG_DFL, &ignored);
+    (void)::raise(SIGTSTP);  // to this thread, so that it takes effect where it is let through
+    if (!hasNews(child, WCONTINUED)) {
+        (void)::pthread_sigmask(SIG_UNBLOCK, &suspend, nullptr);
+    }
+    (void)::sigaction(SIGTSTP, &ignored, nullptr);  // drops a stop that is still in the queue
+    (void)::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+/// Follows a child that has been seen stopped: the shell waits for us, not for it.
+void suspendWith(pid_t child) noexcept {
+    suspendSelf(child);
+    // The shell continues the whole job, the child included, which may even have stopped again by now. But if
+    // nobody could stop us, or only we were continued, the child still waits.
+    if (!hasNews(child, WCONTINUED) && !hasNews(child, WSTOPPED)) {
+        (void)::kill(child, SIGCONT);  // it is ours and has not been waited for: it cannot be another process
+    }
+}
+
 bool waitForEnd(pid_t child, int& status) noexcept {
     while (waitForChange(child, status, WUNTRACED) == child) {
         if (!WIFSTOPPED(status)) {
             return true;
         }
-        if (!hasContinued(child)) {
-            suspendSelf();
-            (void)::kill(child, SIGCONT);  // the shell has done so already if it continued the whole job
-        }
+        suspendWith(child);
     }
     return false;
 }

@@ -4,16 +4,50 @@
 //   rules_session run FILE    runEditor           says "run: true" or "run: false"
 //   rules_session edit FILE   loadRulesFromEditor says "edit: " and the records, or "null"
 //   rules_session ask PROMPT  areYouSure          says "ask: " and the answer, then what is left of the line
+//
+// With RV_FAIL_FORK, RV_FAIL_WAIT or RV_INTERRUPT_WAIT in the environment the system call fails, or is
+// interrupted a few times; the linker puts the functions below in the place of the real ones.
 #include <pthread.h>
+#include <sys/types.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
 #include "cli/confirm.h"
 #include "rule_text.h"
 #include "rules/rule_editor.h"
+
+extern "C" {
+pid_t __real_fork();
+pid_t __real_waitpid(pid_t child, int* status, int options);
+
+pid_t __wrap_fork() {
+    if (std::getenv("RV_FAIL_FORK") != nullptr) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return __real_fork();
+}
+
+pid_t __wrap_waitpid(pid_t child, int* status, int options) {
+    static int interruptions = std::getenv("RV_INTERRUPT_WAIT") != nullptr ? 3 : 0;
+    if (interruptions > 0) {
+        --interruptions;
+        errno = EINTR;
+        return -1;
+    }
+    const pid_t result = __real_waitpid(child, status, options);
+    if (std::getenv("RV_FAIL_WAIT") != nullptr) {
+        errno = ECHILD;
+        return -1;
+    }
+    return result;
+}
+}
 
 namespace {
 
