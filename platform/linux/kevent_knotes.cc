@@ -10,6 +10,8 @@ namespace {
 
 using LinkOf = Link Entry::*;
 
+constexpr size_t kPointerBytes = sizeof(void*);
+
 void append(EntryList& list, Entry& entry, LinkOf link) {
     (entry.*link) = {nullptr, list.last, true};
     (list.last != nullptr ? (list.last->*link).next : list.first) = &entry;
@@ -38,10 +40,10 @@ bool growPages(KnoteTable& table, size_t wanted) {
     if (wanted < table.pageCount) return true;
     size_t count = table.pageCount == 0 ? 16 : table.pageCount;
     while (count <= wanted) count *= 2;
-    void* pages = realloc(table.pages, count * sizeof(Entry*));
+    void* pages = realloc(table.pages, count * kPointerBytes);
     if (pages == nullptr) return false;
     table.pages = static_cast<Entry**>(pages);
-    memset(table.pages + table.pageCount, 0, (count - table.pageCount) * sizeof(Entry*));
+    memset(table.pages + table.pageCount, 0, (count - table.pageCount) * kPointerBytes);
     table.pageCount = count;
     return true;
 }

@@ -10,6 +10,7 @@ namespace rvkevent {
 
 namespace {
 
+constexpr size_t kPointerBytes = sizeof(void*);
 constexpr size_t kNotArmed = SIZE_MAX;
 constexpr size_t kFirstBuckets = 64;
 constexpr size_t kTimersPerSlab = 64;
@@ -104,7 +105,7 @@ void arm(TimerSet& timers, Timer* timer) {
 bool growHeap(TimerSet& timers) {
     if (timers.count < timers.heapRoom) return true;
     const size_t room = timers.heapRoom == 0 ? kFirstBuckets : timers.heapRoom * 2;
-    void* heap = realloc(timers.heap, room * sizeof(Timer*));
+    void* heap = realloc(timers.heap, room * kPointerBytes);
     if (heap == nullptr) return false;
     timers.heap = static_cast<Timer**>(heap);
     timers.heapRoom = room;
@@ -115,7 +116,7 @@ bool growBuckets(TimerSet& timers) {
     if (timers.count < timers.bucketCount) return true;
     TimerSet grown = timers;
     grown.bucketCount = timers.bucketCount == 0 ? kFirstBuckets : timers.bucketCount * 2;
-    grown.buckets = static_cast<Timer**>(calloc(grown.bucketCount, sizeof(Timer*)));
+    grown.buckets = static_cast<Timer**>(calloc(grown.bucketCount, kPointerBytes));
     if (grown.buckets == nullptr) return false;
     for (size_t i = 0; i < timers.bucketCount; ++i) {
         while (Timer* timer = timers.buckets[i]) {
@@ -189,7 +190,8 @@ void start(TimerSet& timers, Timer* timer, const struct kevent& change, int64_t 
     const int64_t time = mulClamped(change.data, unitNs(change.fflags));
     const bool absolute = (change.fflags & NOTE_ABSOLUTE) != 0;
     const int64_t delay = absolute ? addClamped(time, -clockNs(CLOCK_REALTIME)) : time;
-    timer->period = absolute || delay < 0 ? 0 : delay;
+    const bool once = absolute || delay < 0 || (timer->flags & EV_ONESHOT) != 0;
+    timer->period = once ? 0 : delay;
     timer->deadline = addClamped(nowNs, delay < 0 ? 0 : delay);
     timer->expires = true;
     arm(timers, timer);

@@ -46,6 +46,13 @@ TEST(KeventTimers, OneShotFiresOnceAndIsGone) {
     EXPECT_EQ(queue.apply(timer(3, EV_DELETE, 0)), ENOENT);
 }
 
+TEST(KeventTimers, OneShotThatIsCollectedLateCountsOne) {
+    const Queue queue;
+    ASSERT_EQ(queue.apply(timer(1, kArm | EV_ONESHOT, 1)), 0);
+    passNs(5'000'000);
+    EXPECT_EQ(queue.next().data, 1);
+}
+
 TEST(KeventTimers, PeriodicGoesOnAndShowsClear) {
     const Queue queue;
     const int64_t begin = nowNs();
