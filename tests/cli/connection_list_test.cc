@@ -61,6 +61,9 @@ INSTANTIATE_TEST_SUITE_P(
         one("OrderAndDuplicates",
             R"({"addr":"b","port":2},{"addr":"a","port":1},{"app":"/x","appPID":3},{"addr":"a","port":1})",
             "net\tb\t\t2\nnet\ta\t\t1\nrdesk\tx\t\t3\nnet\ta\t\t1\n"),
+        one("MembersInAnyOrder",
+            R"({"port":2,"addr":"b"},{"addr":"c","x":1,"port":3},{"appPID":4,"app":"/d"},{"addr":"e","port":5})",
+            "net\tb\t\t2\nnet\tc\t\t3\nrdesk\td\t\t4\nnet\te\t\t5\n"),
         one("FormatsAreText", R"({"addr":"%s%n","port":1},{"app":"%d","appPID":2})",
             "net\t%s%n\t\t1\nrdesk\t%d\t\t2\n")),
     [](const auto& row) { return std::string(row.param.name); });

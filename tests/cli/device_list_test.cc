@@ -191,6 +191,26 @@ TEST(DevListOrder, IsTheDaemons) {
                  "");
 }
 
+// Members may stand anywhere, and each device may have others than the one before it.
+TEST(DevListOrder, OfMembersDoesNotMatter) {
+    const std::string reply = listOf(
+        {R"({"serial":"A","state":"s","name":"n","built-in":true,"port":"1","rev":3,"pid":2,"vid":1,"id":7})",
+         R"({"id":8,"vid":1,"pid":2,"rev":3,"port":"2","built-in":false,"name":"n","state":"s","serial":""})",
+         R"({"addr":"h","id":9,"app":"/x/Y","vid":1,"more":{},"pid":2,"rev":3,"port":"3","built-in":false,)"
+         R"("name":"n","appPID":4,"state":"s","serial":"B"})",
+         R"({"id":10,"vid":1,"pid":2,"rev":3,"prot":"no","port":"4","built-in":false,"nome":"m","name":"n",)"
+         R"("state":"s","serial":"","adde":"x"})",
+         R"({"id":11,"pid":2,"vid":1,"rev":3,"built-in":false,"port":"5","state":"n","name":"s","serial":"C"})"});
+    expectResult(converse(tool({"dev"}), Script().reply(kDevices, reply)).tool, kOk,
+                 std::string(kHeading) +
+                     "7\t0001:0002:0003\t1\tn /built-in, s, A/\n"
+                     "8\t0001:0002:0003\t2\tn /s/\n"
+                     "9\t0001:0002:0003\t3\tn /s@h@Y(4), B/\n"
+                     "10\t0001:0002:0003\t4\tn /s/\n"
+                     "11\t0001:0002:0003\t5\ts /n, C/\n",
+                 "");
+}
+
 TEST(DevListOrder, FramesOfOtherCodesAreIgnored) {
     Script script;
     script.sendFrame(kConnections, R"({"devices":[1]})").sendFrame(kDeviceEvent, "{}").receive();

@@ -69,6 +69,17 @@ TEST(DevShare, CommitReplyBeforeTheOthersEndsTheCommand) {
     expectRequests(exchange, {{kStart, ""}});
 }
 
+// No step is counted: every reply has its effect again.
+TEST(DevShare, RepeatedReplyRepeatsTheRequest) {
+    Script script;
+    script.receive().sendFrame(kStart, kReplyOk).sendFrame(kStart, kReplyOk).receive().receive();
+    script.sendFrame(kInsert, kReplyOk).reply(kEnd, kReplyOk);
+    const Exchange exchange = converse(tool({"dev", "block", "7"}), script);
+    expectResult(exchange.tool, kOk, "", "");
+    constexpr char kBlock[] = R"({"id":7,"action":"block"})";
+    expectRequests(exchange, {{kStart, ""}, {kInsert, kBlock}, {kInsert, kBlock}, {kEnd, kCommit}});
+}
+
 TEST(DevUnplug, AuthIsReportedAsNotFound) {
     const Exchange exchange =
         converse(tool({"dev", "unplug", "7"}), Script().reply(kUnplug, R"({"status":"auth"})"));

@@ -232,6 +232,18 @@ TEST(RuleLoadSource, RepeatedReplyLoadsTheSameRules) {
     expectRequests(exchange, {{kStart, ""}, {kLoad, kLoadBody}, {kLoad, kLoadBody}, {kEnd, kCommit}});
 }
 
+TEST(RuleLoadSource, RulesAreSentAgainAfterARepeatedReply) {
+    writeFile(kPath, "share\n");
+    Script script;
+    script.receive().sendFrame(kStart, kReplyOk).sendFrame(kStart, kReplyOk).receive().receive();
+    script.sendFrame(kLoad, kReplyOk).reply(kEnd, kReplyOk);
+    const Exchange exchange = converse(tool({"rule", "load", kPath}), script);
+    fs::remove(kPath);
+    expectResult(exchange.tool, kOk, "", "");
+    constexpr char kShare[] = R"({"rules":[{"action":"share"}]})";
+    expectRequests(exchange, {{kStart, ""}, {kLoad, kShare}, {kLoad, kShare}, {kEnd, kCommit}});
+}
+
 TEST(RuleLoadSource, FramesOfOtherCodesAreIgnored) {
     writeFile(kPath, "share\n");
     Script script;

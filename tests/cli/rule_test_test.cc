@@ -137,6 +137,14 @@ TEST_F(RuleTest, NotFoundHasNoArticle) {
                  "Device has not been found.\n");
 }
 
+TEST_F(RuleTest, LoadReplySendsTheTestEvenWithoutRules) {
+    Script script;
+    script.receive().sendFrame(kLoad, kReplyOk).receive().sendFrame(kTest, kVerdict);
+    const Exchange exchange = converse(tool({"rule", "test", "-r", "3"}), script);
+    expectResult(exchange.tool, kOk, "share\n", "");
+    expectRequests(exchange, {{kStart, ""}, {kTest, kRemote3}});
+}
+
 // Every frame is examined for its status before its code is looked at.
 TEST_F(RuleTest, FrameOfAnotherCodeWithoutStatusEndsTheTool) {
     const Script script = Script().receive().sendFrame(kRulesChanged, "{}").sendFrame(kStart, kReplyOk);
