@@ -172,17 +172,23 @@ std::shared_ptr<const RvTetherIPCClient::OnError> RvTetherIPCClient::onError() c
     return onError_.get();
 }
 
+/// Null after stop().
+std::shared_ptr<RvKQueueEventProtocol> RvTetherIPCClient::endpoint() const noexcept {
+    const LockGuard<Lock> guard(endpointLock);
+    return unix_;
+}
+
 void RvTetherIPCClient::start() noexcept {
     const std::shared_ptr<RvKQueue> loop = kq.lock();
     if (!loop) {
         return;
     }
     try {
-        loop->startObject(
-            unix_, [self = shared_from_this()](RvKQueueEventProtocol*, const char* buffer, std::uint64_t size,
-                                               std::uint64_t* dropSize, std::int32_t event) {
-                return self->handleEvent(buffer, size, dropSize, event);
-            });
+        loop->startObject(endpoint(), [self = shared_from_this()](RvKQueueEventProtocol*, const char* buffer,
+                                                                  std::uint64_t size, std::uint64_t* dropSize,
+                                                                  std::int32_t event) {
+            return self->handleEvent(buffer, size, dropSize, event);
+        });
     } catch (const std::exception&) {  // no memory for the event block: there will be no connection
         complain("cannot connect\n");
         reportError();
@@ -190,10 +196,14 @@ void RvTetherIPCClient::start() noexcept {
 }
 
 void RvTetherIPCClient::stop() noexcept {
-    if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && unix_) {
-        loop->stopObject(unix_);
+    const std::shared_ptr<RvKQueueEventProtocol> stopped = endpoint();
+    if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && stopped) {
+        loop->stopObject(stopped);
     }
-    unix_.reset();
+    {
+        const LockGuard<Lock> guard(endpointLock);
+        unix_.reset();
+    }
     (void)setOnData(nullptr);  // clearing needs no memory
     (void)setOnConnected(nullptr);
     (void)setOnError(nullptr);
@@ -240,8 +250,9 @@ void RvTetherIPCClient::sendJSON(const JsonObject* dictionary, std::int32_t comm
         }
         return;
     }
-    if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && unix_) {
-        (void)loop->write(unix_, frame->data(), frame->size());  // always true: failures come as events
+    const std::shared_ptr<RvKQueueEventProtocol> target = endpoint();
+    if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && target) {
+        (void)loop->write(target, frame->data(), frame->size());  // always true: failures come as events
     }
 }
 

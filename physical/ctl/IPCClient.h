@@ -14,6 +14,7 @@
 #include "ipc/callback_slot.h"
 #include "ipc/command.h"
 #include "ipc/json.h"
+#include "platform/lock.h"
 
 class RvKQueue;
 class RvKQueueEventProtocol;
@@ -92,9 +93,11 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
                      std::int32_t event) noexcept;
     bool deliverFrame(std::int32_t command, std::string_view body) noexcept;
     void reportError() noexcept;
+    std::shared_ptr<RvKQueueEventProtocol> endpoint() const noexcept;
 
-    std::weak_ptr<RvKQueue> kq;                    ///< the loop that runs the connection; not kept alive
-    std::shared_ptr<RvKQueueEventProtocol> unix_;  ///< strong until stop()
+    std::weak_ptr<RvKQueue> kq;  ///< the loop that runs the connection; not kept alive
+    mutable Lock endpointLock;
+    std::shared_ptr<RvKQueueEventProtocol> unix_ RV_GUARDED_BY(endpointLock);  ///< strong until stop()
 
     CallbackSlot<OnConnected> onConnected_;
     CallbackSlot<OnData> onData_;

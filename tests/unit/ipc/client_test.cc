@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/json/parse.hpp>
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "fake_daemon/fake_daemon.h"
@@ -220,6 +222,30 @@ std::vector<RequestRow> catalogue() {
         {"remove preferences", [](Client& c) { return c.removePreferencesWithDevice("0a5c"); }, 21,
          R"({"hwid":"0a5c"})"},
     };
+}
+
+TEST(Requests, MayMeetStopOnAnotherThread) {
+    fake::FakeDaemon daemon{fake::Script()};
+    Log log;
+    {
+        Running running(log);
+        ASSERT_TRUE(log.waitFor("connected"));
+        std::atomic<bool> enough = false;
+        std::thread asking([&] {
+            while (!enough) {
+                running.client->getDeviceList();
+            }
+        });
+        EXPECT_TRUE(daemon.waitForRequests(1));
+        running.client->stop();
+        enough = true;
+        asking.join();
+    }
+    daemon.finish();
+    for (const fake::Frame& request : daemon.requests()) {
+        EXPECT_EQ(0U, request.code);
+        EXPECT_EQ("", request.body);
+    }
 }
 
 TEST(Requests, EveryRequestOfTheCatalogue) {
