@@ -38,6 +38,7 @@ void OsLog::send(LogLevel level, const char* format, ...) const noexcept {
     char text[kMaxLineBytes];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the check does not see the va_start above.
     (void)std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     const char* subsystem = target ? target->subsystem.c_str() : "";
