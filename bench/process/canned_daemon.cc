@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,14 +45,41 @@ bool sendAll(int peer, const std::string& bytes) {
     return true;
 }
 
-void answer(int peer, const std::string& reply) {
-    char request[8];
-    if (read(peer, request, sizeof request) != static_cast<ssize_t>(sizeof request) ||
-        !sendAll(peer, reply)) {
-        return;
+bool readAll(int peer, char* out, std::size_t count) {
+    while (count > 0) {
+        const ssize_t got = read(peer, out, count);
+        if (got < 1) {
+            return false;
+        }
+        out += got;
+        count -= static_cast<std::size_t>(got);
     }
-    while (read(peer, request, sizeof request) > 0) {
+    return true;
+}
+
+bool skipRequest(int peer) {
+    static char skipped[1 << 20];
+    std::uint32_t header[2];
+    if (!readAll(peer, reinterpret_cast<char*>(header), sizeof header)) {
+        return false;
     }
+    for (std::size_t left = header[1]; left > 0;) {
+        const std::size_t count = std::min(left, sizeof skipped);
+        if (!readAll(peer, skipped, count)) {
+            return false;
+        }
+        left -= count;
+    }
+    return true;
+}
+
+void answer(int peer, const std::vector<std::string>& replies) {
+    for (const std::string& reply : replies) {
+        if (!skipRequest(peer) || !sendAll(peer, reply)) {
+            return;
+        }
+    }
+    (void)skipRequest(peer);  // returns when the peer has gone
 }
 
 void flood(int peer, const std::string& events, std::size_t times) {
@@ -58,16 +87,16 @@ void flood(int peer, const std::string& events, std::size_t times) {
     }
 }
 
-[[noreturn]] void serve(int listener, const std::string& bytes, std::size_t times) {
+[[noreturn]] void serve(int listener, const std::vector<std::string>& frames, std::size_t times) {
     for (;;) {
         const int peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (peer == -1) {
             fail("cannot accept");
         }
         if (times == 0) {
-            answer(peer, bytes);
+            answer(peer, frames);
         } else {
-            flood(peer, bytes, times);
+            flood(peer, frames.front(), times);
         }
         (void)close(peer);
     }
@@ -85,11 +114,14 @@ CannedDaemon::CannedDaemon(const Make& make, std::size_t times) {
         fail("cannot fork");
     }
     if (process_ == 0) {
-        const std::string bytes = make();
+        const std::vector<std::string> frames = make();
         const int listener = listenOnControlSocket();
-        const std::size_t size = bytes.size();
+        std::size_t size = 0;
+        for (const std::string& frame : frames) {
+            size += frame.size();
+        }
         (void)!write(report[1], &size, sizeof size);  // a reader that got nothing gives up
-        serve(listener, bytes, times);
+        serve(listener, frames, times);
     }
     (void)close(report[1]);
     if (read(report[0], &size_, sizeof size_) != static_cast<ssize_t>(sizeof size_)) {

@@ -1,4 +1,4 @@
-/// A peer that sends the same bytes to each connection.
+/// A peer that says the same to each connection.
 #ifndef RV_BENCH_CANNED_DAEMON_H
 #define RV_BENCH_CANNED_DAEMON_H
 
@@ -7,23 +7,24 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <vector>
 
 /// Serves the control socket from construction to destruction, in a process of its own: what a program that
 /// is measured here uses at its peak includes what the process that starts it uses.
 class CannedDaemon {
   public:
-    using Make = std::function<std::string()>;
+    using Make = std::function<std::vector<std::string>()>;
 
     /// make   makes whole frames, in the daemon's process
-    /// times  0: they are sent once, as the answer to the first 8 bytes; else they are sent that often as
-    /// soon
-    ///        as there is a connection, which is then closed
+    /// times  0: the n-th request is answered with the n-th frame; else the first of them is sent that often
+    /// as
+    ///        soon as there is a connection, which is then closed
     explicit CannedDaemon(const Make& make, std::size_t times = 0);
     ~CannedDaemon();
     CannedDaemon(const CannedDaemon&) = delete;
     CannedDaemon& operator=(const CannedDaemon&) = delete;
 
-    /// Bytes that one make() gave.
+    /// Bytes of all frames that make() gave.
     std::size_t size() const { return size_; }
 
   private:

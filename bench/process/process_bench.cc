@@ -69,7 +69,7 @@ std::string frame(std::uint32_t code, const std::string& body) {
     return std::string(reinterpret_cast<const char*>(header), sizeof header) + body;
 }
 
-std::string deviceList(std::int64_t count) {
+std::vector<std::string> deviceList(std::int64_t count) {
     std::string body = "{\"devices\":[";
     for (std::int64_t i = 0; i < count; ++i) {
         char element[400];
@@ -82,10 +82,10 @@ std::string deviceList(std::int64_t count) {
                             static_cast<int>(i), static_cast<int>(i));
         body += element;
     }
-    return frame(0, body + "]}");
+    return {frame(0, body + "]}")};
 }
 
-std::string connectionList(std::int64_t count) {
+std::vector<std::string> connectionList(std::int64_t count) {
     std::string body = "{\"connections\":[";
     for (std::int64_t i = 0; i < count; ++i) {
         char element[200];
@@ -95,10 +95,10 @@ std::string connectionList(std::int64_t count) {
                             static_cast<int>(i % 65536));
         body += element;
     }
-    return frame(1, body + "]}");
+    return {frame(1, body + "]}")};
 }
 
-std::string preferenceList(std::int64_t count) {
+std::vector<std::string> preferenceList(std::int64_t count) {
     std::string body = R"({"status":"ok","preferences":{)";
     for (std::int64_t i = 0; i < count; ++i) {
         char element[200];
@@ -107,13 +107,57 @@ std::string preferenceList(std::int64_t count) {
                             static_cast<unsigned>(i & 0xffff));
         body += element;
     }
-    return frame(19, body + "}}");
+    return {frame(19, body + "}}")};
+}
+
+std::string okReply(std::uint32_t code) {
+    return frame(code, R"({"status":"ok"})");
+}
+
+/// A rule list of believable rules, as the daemon sends it.
+std::vector<std::string> ruleList(std::int64_t count) {
+    std::string body = "{\"rules\":[";
+    for (std::int64_t i = 0; i < count; ++i) {
+        char element[300];
+        (void)std::snprintf(element, sizeof element,
+                            "%s{\"action\":\"%s\",\"quick\":true,\"host\":[\"10.0.%d.%d\",\"lab-pc\"],"
+                            "\"name\":\"Keyboard %d\",\"nameMatch\":\"contains\",\"vid\":1133,\"pid\":%d}",
+                            i > 0 ? "," : "", i % 2 == 0 ? "share" : "block", static_cast<int>(i >> 8 & 255),
+                            static_cast<int>(i & 255), static_cast<int>(i), static_cast<int>(i & 0xffff));
+        body += element;
+    }
+    return {okReply(6), frame(7, body + "]}")};
+}
+
+std::vector<std::string> loadReplies(std::int64_t) {
+    return {okReply(6), okReply(8), okReply(11)};
+}
+
+constexpr char kRuleFile[] = "/tmp/rvusbpctl-bench.rules";
+
+void writeRuleFile(std::int64_t count) {
+    std::FILE* file = std::fopen(kRuleFile, "w");
+    for (std::int64_t i = 0; i < count; ++i) {
+        (void)std::fprintf(
+            file, "%s quick host \"10.0.%d.%d,lab-pc\" name contains \"Keyboard %d\" hwid 046d:%04x\n",
+            i % 2 == 0 ? "share" : "block", static_cast<int>(i >> 8 & 255), static_cast<int>(i & 255),
+            static_cast<int>(i), static_cast<unsigned>(i & 0xffff));
+    }
+    (void)std::fclose(file);
+}
+
+double fileBytes(const char* path) {
+    std::FILE* file = std::fopen(path, "r");
+    (void)std::fseek(file, 0, SEEK_END);
+    const long size = std::ftell(file);
+    (void)std::fclose(file);
+    return static_cast<double>(size);
 }
 
 /// One iteration is one run of each program.
-void compare(benchmark::State& state, std::string (*makeReply)(std::int64_t),
+void compare(benchmark::State& state, std::vector<std::string> (*makeReplies)(std::int64_t),
              const std::vector<const char*>& ours, const std::vector<const char*>& theirs) {
-    const CannedDaemon daemon([&] { return makeReply(state.range(0)); });
+    const CannedDaemon daemon([&] { return makeReplies(state.range(0)); });
     std::vector<double> a;
     std::vector<double> b;
     double peak = 0;
@@ -147,6 +191,21 @@ void prefListAgainstTuned(benchmark::State& state) {
     compare(state, preferenceList, {RV_TOOL, "pref", "list"}, {RV_TUNED_PREFERENCES});
 }
 
+void ruleListAgainstTuned(benchmark::State& state) {
+    compare(state, ruleList, {RV_TOOL, "rule", "list"}, {RV_TUNED_RULE_LIST});
+}
+
+/// Peak memory is per byte of rule text here.
+void ruleLoadAgainstTuned(benchmark::State& state) {
+    writeRuleFile(state.range(0));
+    const double text = fileBytes(kRuleFile);
+    compare(state, loadReplies, {RV_TOOL, "rule", "load", kRuleFile}, {RV_TUNED_RULE_LOAD, kRuleFile});
+    const double frames = static_cast<double>(3 * okReply(6).size());
+    state.counters["peak_per_text"] = state.counters["peak_per_frame"] * frames / text;
+    state.counters.erase("peak_per_frame");
+    (void)unlink(kRuleFile);
+}
+
 /// Events of a daemon that sends as fast as it is read, through a socket into a file.
 void monitorThroughput(benchmark::State& state) {
     constexpr std::int64_t kEventsPerBlock = 500;
@@ -157,7 +216,7 @@ void monitorThroughput(benchmark::State& state) {
                 block += frame(4, R"({"id":17,"name":"Office keyboard","state":"in use",)"
                                   R"("addr":"host-17.example","appPID":4711})");
             }
-            return block;
+            return std::vector<std::string>{block};
         },
         static_cast<std::size_t>(state.range(0) / kEventsPerBlock));
     double seconds = 0;
@@ -178,6 +237,13 @@ BENCHMARK(devListAgainstBare)->Arg(10)->Iterations(500)->UseManualTime()->Unit(b
 BENCHMARK(devListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(connListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(prefListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(ruleListAgainstTuned)->Arg(1000000)->Iterations(5)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(ruleLoadAgainstTuned)
+    ->RangeMultiplier(10)
+    ->Range(10, 1000000)
+    ->Iterations(7)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(monitorThroughput)
     ->Arg(100000)
     ->Arg(5000000)

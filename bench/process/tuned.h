@@ -24,28 +24,54 @@ inline void readAll(int sock, char* out, std::size_t count) {
     }
 }
 
+inline void writeAll(int sock, const char* bytes, std::size_t count) {
+    while (count > 0) {
+        const ssize_t done = write(sock, bytes, count);
+        if (done < 1) {
+            std::exit(1);
+        }
+        bytes += done;
+        count -= static_cast<std::size_t>(done);
+    }
+}
+
 /// The reply's body, in memory with the padding that the parser wants; never freed.
 struct Reply {
     char* bytes;
     std::size_t size;
 };
 
-inline Reply request(std::uint32_t code) {
+inline int connectToDaemon() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, "/var/run/rvusbpctl.sock");
     const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
-    const std::uint32_t frame[2] = {code, 0};
-    if (sock == -1 || connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) == -1 ||
-        write(sock, frame, sizeof frame) != static_cast<ssize_t>(sizeof frame)) {
+    if (sock == -1 || connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) == -1) {
         std::exit(1);
     }
-    std::uint32_t header[2];
+    return sock;
+}
+
+/// frame  the request with its body; its first 8 bytes are room for the header, which is all that an empty
+/// request has
+inline Reply request(int sock, std::uint32_t code, char* frame, std::size_t frameBytes) {
+    std::uint32_t header[2] = {code, static_cast<std::uint32_t>(frameBytes - 8)};
+    std::memcpy(frame, header, sizeof header);
+    writeAll(sock, frame, frameBytes);
     readAll(sock, reinterpret_cast<char*>(header), sizeof header);
     const std::size_t size = header[1];
     auto* bytes = static_cast<char*>(std::malloc(size + simdjson::SIMDJSON_PADDING));
     readAll(sock, bytes, size);
     return {bytes, size};
+}
+
+inline Reply request(int sock, std::uint32_t code) {
+    char frame[8];
+    return request(sock, code, frame, sizeof frame);
+}
+
+inline Reply request(std::uint32_t code) {
+    return request(connectToDaemon(), code);
 }
 
 class Output {
