@@ -1,53 +1,13 @@
 // Fails one allocation after the other: each failure is a documented message and never anything worse.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <new>
 #include <string>
 
 #include "captured_stderr.h"
+#include "failing_new.h"
 #include "rule_text.h"
 #include "rules/rule_file.h"
 #include "rules/rule_parser.h"
-
-namespace {
-
-long allocationsLeft = -1;  // before they fail; -1: they do not
-
-void* allocate(std::size_t size) {
-    if (allocationsLeft == 0) {
-        throw std::bad_alloc();
-    }
-    if (allocationsLeft > 0) {
-        --allocationsLeft;
-    }
-    void* const memory = std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return allocate(size);
-}
-void* operator new[](std::size_t size) {
-    return allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
