@@ -176,10 +176,10 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     bool allActiveChanged RV_GUARDED_BY(lock) = false;
 
     std::unique_ptr<Thread> ioThread;
-    std::shared_ptr<RvKQueue>
-        runningSelf;  ///< strong, from start until the I/O thread ends: keeps the loop alive
-    /// Set by the I/O thread, under lock, when it is about to wait with no change in hand; whoever clears it
-    /// owes the thread a wake-up.
+    /// Strong, from start until the I/O thread ends: keeps the loop alive.
+    std::shared_ptr<RvKQueue> runningSelf;
+    /// Set by the I/O thread, under lock, once it has taken the changes and is about to wait; another thread
+    /// that clears it owes a wake-up.
     std::atomic<bool> sleeping = false;
     Wakeup wakeup;
 
