@@ -57,8 +57,8 @@ int tellEpoll(Kqueue& queue, Entry& entry, int operation, uint32_t mask) {
     return errno == ENOENT || errno == EBADF ? kGone : errno;
 }
 
-/// Changes what epoll watches. It is told even if that stays the same: the answer shows whether the number is
-/// still the registered file, and a level-triggered entry does not mind.
+/// Changes what epoll watches; the answer shows whether the number is still the registered file. An
+/// edge-triggered or one-shot entry is armed again by it.
 int modify(Kqueue& queue, Entry& entry) {
     const uint32_t mask = maskFor(entry);
     const int result = tellEpoll(queue, entry, EPOLL_CTL_MOD, mask);
@@ -68,10 +68,11 @@ int modify(Kqueue& queue, Entry& entry) {
     return 0;
 }
 
-/// Looks whether the number is still the registered file and changes nothing. A MOD would arm an
-/// edge-triggered or one-shot entry again; an ADD is refused with EEXIST as long as the entry is there.
+/// Looks whether the number is still the registered file and changes nothing: an ADD is refused with EEXIST
+/// as long as the entry is there. That costs no more than asking whether the number is open at all, and much
+/// less than a MOD with the same mask, which looks at the file's state and arms an edge-triggered or one-shot
+/// entry again.
 int probe(Kqueue& queue, Entry& entry) {
-    if ((entry.mask & (EPOLLET | EPOLLONESHOT)) == 0) return modify(queue, entry);
     epoll_event event = eventFor(entry, entry.mask);
     if (epoll_ctl(queue.fd, EPOLL_CTL_ADD, entry.fd, &event) == 0) {
         (void)epoll_ctl(queue.fd, EPOLL_CTL_DEL, entry.fd, &event);  // another file: none of ours
@@ -104,7 +105,8 @@ int syncFile(Kqueue& queue, Entry& entry) {
 /// Brings epoll up to date with the knotes and checks the number on the way.
 int sync(Kqueue& queue, Entry& entry) {
     if (entry.alwaysReady) return syncFile(queue, entry);
-    return modify(queue, entry);
+    const bool same = maskFor(entry) == entry.mask && (entry.mask & (EPOLLET | EPOLLONESHOT)) == 0;
+    return same ? probe(queue, entry) : modify(queue, entry);
 }
 
 /// The knote after a change: an existing one keeps the flags of its first EV_ADD.
@@ -145,7 +147,7 @@ bool answersReport(const Kqueue& queue, const Entry& entry) {
 int armInUserSpace(Kqueue& queue, Entry& entry) {
     setWritable(queue.knotes, entry, true);
     entry.armed = queue.call;
-    return answersReport(queue, entry) ? 0 : modify(queue, entry);
+    return answersReport(queue, entry) ? 0 : sync(queue, entry);
 }
 
 int removeKnote(Kqueue& queue, Entry& entry, Knote& knote) {

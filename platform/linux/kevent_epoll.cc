@@ -72,8 +72,8 @@ int applyChanges(Kqueue& queue, const struct kevent* changes, int nchanges, stru
 /// taken from the instance: what is ready makes the call fail with EFAULT and stays ready.
 bool isEpoll(int fd) {
     const int error = errno;
-    const volatile uintptr_t unmapped =
-        1;  // volatile: the compiler would warn of the overflow that is wanted here
+    // volatile: the compiler would warn of the overflow that is wanted here.
+    const volatile uintptr_t unmapped = 1;
     auto* nowhere = reinterpret_cast<epoll_event*>(unmapped);  // NOLINT(performance-no-int-to-ptr): no object
     const bool is = epoll_wait(fd, nowhere, 1, 0) != -1 || errno == EFAULT;
     errno = error;
