@@ -1,7 +1,5 @@
 #include "rules/rule_editor.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -41,20 +39,18 @@ int readCharacter() noexcept {
     }
 }
 
-// Deliberate: anything but a lower-case "n" is a yes, the line feed that ends an earlier answer included, and
-// only one character is read. Ctrl-D at a terminal is a key as well. Where input has ended for good no key
-// can come any more: then it is a no, or editors would be started without end. Held by
-// RunEditor.AnyKeyButNTriesAgain, RunEditor.OneCharacterPerQuestion and RunEditor.EndedInputGivesUp.
+// Deliberate: anything but a lower-case "n" is a yes, the line feed that ends an earlier answer and the end of
+// the input included, and only one character is read. Without a terminal an editor that fails for ever is
+// therefore started for ever, as areYouSure asks for ever. Held by RunEditor.AnyKeyButNTriesAgain,
+// RunEditor.OneCharacterPerQuestion and RunEditor.EndedInputTriesAgain.
 bool wantsAnotherRun() noexcept {
     (void)std::fputs(kRetryQuestion, stdout);  // a user who cannot see the question can still answer it
     (void)std::fflush(stdout);
     const int character = readCharacter();
-    if (character != EOF) {
-        return character != 'n';
+    if (character == EOF) {
+        std::clearerr(stdin);  // Ctrl-D at a terminal is a key, and more may follow
     }
-    const bool mayGoOn = std::ferror(stdin) == 0 && ::isatty(STDIN_FILENO) == 1;
-    std::clearerr(stdin);
-    return mayGoOn;
+    return character != 'n';
 }
 
 }  // namespace

@@ -226,7 +226,7 @@ std::string triple(std::string_view argument) {
     std::string text = std::to_string(count) + ":";
     for (std::size_t part = 0; part < values.size(); ++part) {
         if (part < count) {
-            text += " " + std::to_string(values[part]);
+            text.append(1, ' ').append(std::to_string(values[part]));
         } else {
             EXPECT_EQ(values[part], kUntouched) << argument;
         }

@@ -127,7 +127,7 @@ TEST(RuleTokens, PlainTokenIsAViewOfTheLine) {
 TEST(RuleTokens, EarlierTokensOutliveLaterOnes) {
     std::string line;
     for (int word = 0; word < 1000; ++word) {
-        line += "w\"" + std::to_string(word) + "\"\\x ";
+        line.append("w\"").append(std::to_string(word)).append("\"\\x ");
     }
     std::string arena = "small";
     RuleTokens walk(line, arena);
@@ -137,7 +137,7 @@ TEST(RuleTokens, EarlierTokensOutliveLaterOnes) {
     }
     ASSERT_EQ(found.size(), 1000U);
     for (std::size_t word = 0; word < found.size(); ++word) {
-        EXPECT_EQ(found[word], "w" + std::to_string(word) + "x");
+        EXPECT_EQ(found[word], std::string("w").append(std::to_string(word)).append("x"));
     }
 }
 
