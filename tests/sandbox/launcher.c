@@ -34,6 +34,7 @@ struct Place {
     int keptFd; /* of a kept directory: what it was before anything was covered */
 };
 
+static const unsigned long kCoverFlags = MS_NOSUID | MS_NODEV;
 static struct Place covers[kMaxPlaces];
 static size_t coverCount;
 static struct Place keeps[kMaxPlaces];
@@ -106,8 +107,15 @@ static bool openKept(void) {
 
 static bool cover(const struct Place* place) {
     const char* mode = strcmp(place->path, "/tmp") == 0 ? "mode=1777" : "mode=755";
-    const unsigned long flags = MS_NOSUID | MS_NODEV | (place->frozen ? MS_RDONLY : 0);
-    return mount("tmpfs", place->path, "tmpfs", flags, mode) == 0 || fail("cannot mount on", place->path);
+    return mount("tmpfs", place->path, "tmpfs", kCoverFlags, mode) == 0 ||
+           fail("cannot mount on", place->path);
+}
+
+/* Comes after the kept directories have found their places in it. */
+static bool freezeCover(const struct Place* place) {
+    const unsigned long flags = MS_REMOUNT | MS_BIND | MS_RDONLY | kCoverFlags;
+    return !place->frozen || mount(NULL, place->path, NULL, flags, NULL) == 0 ||
+           fail("cannot freeze", place->path);
 }
 
 static bool makeDirectories(const char* path) {
@@ -147,6 +155,11 @@ static bool build(void) {
     }
     for (size_t k = 0; k < keepCount; ++k) {
         if (!showKept(&keeps[k])) {
+            return false;
+        }
+    }
+    for (size_t c = 0; c < coverCount; ++c) {
+        if (!freezeCover(&covers[c])) {
             return false;
         }
     }

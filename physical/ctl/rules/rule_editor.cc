@@ -39,8 +39,8 @@ int readCharacter() noexcept {
     }
 }
 
-// Deliberate: anything but a lower-case "n" is a yes, the line feed that ends an earlier answer and the end of
-// the input included, and only one character is read. Without a terminal an editor that fails for ever is
+// Deliberate: anything but a lower-case "n" is a yes, the line feed that ends an earlier answer and the end
+// of the input included, and only one character is read. Without a terminal an editor that fails for ever is
 // therefore started for ever, as areYouSure asks for ever. Held by RunEditor.AnyKeyButNTriesAgain,
 // RunEditor.OneCharacterPerQuestion and RunEditor.EndedInputTriesAgain.
 bool wantsAnotherRun() noexcept {

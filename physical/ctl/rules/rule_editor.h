@@ -10,8 +10,8 @@
 /// PATH, and never split into words. While it runs the terminal is the editor's: the tool does not hear
 /// Ctrl-C and Ctrl-\, and when the editor suspends itself the tool is suspended with it.
 ///
-/// After a failed run the user is asked whether to try again; only "n" means no, and the end of the input does
-/// not.
+/// After a failed run the user is asked whether to try again; only "n" means no, and the end of the input
+/// does not.
 ///
 /// path  the file; handed to the editor as its only argument
 /// Returns true once a run has ended with status 0; false when the user gave up, or after a message on
