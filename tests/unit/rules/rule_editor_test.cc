@@ -248,7 +248,7 @@ TEST_F(RunEditor, EditorInheritsNothingFromTheTool) {
 
 TEST_F(RunEditor, NoProcessIsAnError) {
     cli::Command command = sessionWith("run", "true");
-    command.environment["RV_FAIL_FORK"] = "1";
+    command.environment["RV_FAIL_FORK"] = "yes";
     const cli::Result result = cli::run(command);
     EXPECT_EQ(result.terminal, "run: false\r\n");
     EXPECT_EQ(result.err, "Cannot create process.\n");
@@ -256,7 +256,7 @@ TEST_F(RunEditor, NoProcessIsAnError) {
 
 TEST_F(RunEditor, LostProcessIsAnError) {
     cli::Command command = sessionWith("run", "true");
-    command.environment["RV_FAIL_WAIT"] = "1";
+    command.environment["RV_FAIL_WAIT"] = "yes";
     const cli::Result result = cli::run(command);
     EXPECT_EQ(result.terminal, "run: false\r\n");
     EXPECT_EQ(result.err, "Cannot get status of editor process\n");
@@ -264,7 +264,7 @@ TEST_F(RunEditor, LostProcessIsAnError) {
 
 TEST_F(RunEditor, InterruptedWaitIsRepeated) {
     cli::Command command = sessionWith("run", "true");
-    command.environment["RV_INTERRUPT_WAIT"] = "1";
+    command.environment["RV_INTERRUPT_WAIT"] = "yes";
     const cli::Result result = cli::run(command);
     EXPECT_EQ(result.terminal, "run: true\r\n");
     EXPECT_EQ(result.err, "");
