@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ostream>
 
 #include "kevent_support.h"
 
@@ -102,6 +103,10 @@ TEST(KeventDescriptors, NewSocketAnsweredWithTheOldNullPointerHasOnlyItsOwnKnote
 }
 
 enum class Holder { kDuplicate, kChild };
+
+void PrintTo(Holder holder, std::ostream* out) {
+    *out << (holder == Holder::kChild ? "Child" : "Duplicate");
+}
 
 /// Keeps the file of a descriptor open elsewhere.
 class Held {

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <ostream>
 
 #include "kevent_support.h"
 
@@ -24,6 +25,10 @@ struct Source {
     const char* name;
     Pair (*make)();
 };
+
+void PrintTo(const Source& source, std::ostream* out) {
+    *out << source.name;
+}
 
 class KeventReadOf : public testing::TestWithParam<Source> {};
 
@@ -289,6 +294,10 @@ struct Fresh {
     const char* name;
     int domain;
 };
+
+void PrintTo(const Fresh& fresh, std::ostream* out) {
+    *out << fresh.name;
+}
 
 class KeventNeverConnected : public testing::TestWithParam<Fresh> {};
 

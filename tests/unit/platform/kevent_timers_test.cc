@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <ostream>
 #include <set>
 #include <thread>
 
@@ -75,6 +76,10 @@ struct Unit {
     int64_t data;
     int64_t ns;
 };
+
+void PrintTo(const Unit& unit, std::ostream* out) {
+    *out << unit.name;
+}
 
 class KeventTimerUnits : public testing::TestWithParam<Unit> {};
 

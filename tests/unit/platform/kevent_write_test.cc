@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <ostream>
 #include <random>
 
 #include "kevent_support.h"
@@ -27,6 +28,10 @@ struct Source {
     const char* name;
     Pair (*make)();
 };
+
+void PrintTo(const Source& source, std::ostream* out) {
+    *out << source.name;
+}
 
 class KeventWriteOf : public testing::TestWithParam<Source> {};
 
