@@ -44,7 +44,7 @@ static char reason[256];
 /* Remembers why the sandbox could not be made; the first reason is the one that counts. */
 static bool fail(const char* what, const char* where) {
     if (reason[0] == '\0') {
-        (void)snprintf(reason, sizeof reason, "%s %s: %s", what, where, strerror(errno));
+        (void)snprintf(reason, sizeof reason, "%s %.160s: %s", what, where, strerror(errno));
     }
     return false;
 }

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <regex>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -143,8 +143,6 @@ TEST(EventMonitor, StampIsTheLocalTimeInBracketsWithAColon) {
         found = found || outcome.stamp == text;
     }
     EXPECT_TRUE(found) << outcome.stamp;
-    EXPECT_TRUE(
-        std::regex_match(outcome.stamp, std::regex(R"(\[\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4}\]:)")));
 }
 
 TEST(EventMonitor, OneMonitorPrintsManyEventsInOrder) {
@@ -156,10 +154,17 @@ TEST(EventMonitor, OneMonitorPrintsManyEventsInOrder) {
         EXPECT_TRUE(monitor.print(kCmdDeviceEvent, decoder.object()));
         EXPECT_TRUE(monitor.print(kCmdRuleListEvent, empty));
     });
-    EXPECT_TRUE(std::regex_match(
-        text, std::regex(R"(\[[^\]]*\]: rule list changed\n\[[^\]]*\]: device id:7 "Key" got plugged\n)"
-                         R"(\[[^\]]*\]: rule list changed\n)")))
-        << text;
+    const char* const lines[] = {"rule list changed", "device id:7 \"Key\" got plugged", "rule list changed"};
+    std::istringstream input(text);
+    std::string printedLine;
+    for (const char* expected : lines) {
+        ASSERT_TRUE(std::getline(input, printedLine)) << text;
+        const std::size_t end = printedLine.find("]: ");
+        ASSERT_NE(end, std::string::npos) << printedLine;
+        EXPECT_EQ(printedLine.front(), '[');
+        EXPECT_EQ(printedLine.substr(end + 3), expected);
+    }
+    EXPECT_FALSE(std::getline(input, printedLine)) << printedLine;
 }
 
 }  // namespace
