@@ -74,7 +74,7 @@ void echo(benchmark::State& state, Family family) {
     const auto count = static_cast<size_t>(state.range(0));
     Side bare(family, count, makeEpollLoop);
     Side queue(family, count, makeKeventLoop);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         echoRound(bare);
         state.SetIterationTime(echoRound(queue));
     }
@@ -111,7 +111,7 @@ void pingPong(benchmark::State& state, Family family) {
     constexpr int kRounds = 200;
     Side bare(family, 1, makeEpollLoop);
     Side queue(family, 1, makeKeventLoop);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (Side* side : {&bare, &queue}) {
             const Server server(*side, kRounds);
             pingPongRounds(*side, kRounds);
@@ -124,7 +124,7 @@ void pingPong(benchmark::State& state, Family family) {
 void startTimers(benchmark::State& state) {
     const int kq = kqueue();
     const auto count = static_cast<uint64_t>(state.range(0));
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (uint64_t ident = 0; ident < count; ++ident) {
             struct kevent timer {};
             EV_SET(&timer, ident, EVFILT_TIMER, EV_ADD | EV_ENABLE, 0, 3'600'000 + (ident * 7919) % 1000,
@@ -143,7 +143,7 @@ void turnWithTimers(benchmark::State& state) {
         EV_SET(&timers[i], i, EVFILT_TIMER, EV_ADD | EV_ENABLE, 0, 3'600'000, nullptr);
     }
     if (kevent(kq, timers.data(), static_cast<int>(timers.size()), nullptr, 0, nullptr) != 0) abort();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         struct kevent event {};
         const timespec none{};
         benchmark::DoNotOptimize(kevent(kq, nullptr, 0, &event, 1, &none));

@@ -17,6 +17,7 @@ bool fails() {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's --wrap fixes these names
 extern "C" {
 void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* memory, size_t size);
@@ -30,6 +31,7 @@ void* __wrap_realloc(void* memory, size_t size) {
     return fails() ? nullptr : __real_realloc(memory, size);
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

@@ -132,6 +132,7 @@ TEST(KeventThreads, ChangesFromManyThreadsAllArrive) {
     constexpr int kThreads = 4;
     constexpr int kRounds = kSanitized ? 100 : 1000;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&queue, t] {
             const Pair pair = unixPair();
