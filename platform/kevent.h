@@ -60,27 +60,47 @@ struct kevent {
         rv_kevp_->udata = (void*)(f);     \
     } while (0)
 
-/// Makes a new kernel event queue. Returns its descriptor (close-on-exec; closed with close(2)), or -1 with
-/// errno. Any thread may call it.
+/// Makes a new kernel event queue, see kqueue(2).
+///
+/// Returns its descriptor, or -1 with errno (EMFILE, ENFILE, ENOMEM). The descriptor is close-on-exec and is
+/// closed with close(2), which frees all that belongs to it; the child of a fork(2) has no queue under the
+/// number (EBADF). Thread: any.
 int kqueue(void);
 
 /// Applies `nchanges` changes in order, then waits for events and stores at most `nevents` of them.
 ///
-/// timeout  nullptr: no limit; {0, 0}: poll
+/// changelist  borrowed for the call; bits 0xF000 of the flags are ignored; it may be the event list as well
+/// eventlist   room for `nevents` records; with 0 the call never waits and returns 0
+/// timeout     NULL: no limit; {0, 0}: poll
 /// Returns the number of records stored (0 on time-out), or -1 with errno: EBADF (not a kqueue), EINVAL (bad
-/// time-out, negative count), EINTR (a signal came while waiting; the changes are applied), ENOMEM.
-/// A change that fails is stored as a record with EV_ERROR added to its flags and the errno in data; the call
-/// then returns these records without waiting. Any thread may call it.
-#if defined(__GNUC__) && !defined(__clang__)
-/* The structure and the function share a name, as they always have. */
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wshadow"
-#endif
+/// time-out, negative count), EFAULT (no list), EINTR (a signal came while waiting; the changes are applied).
+///
+/// A change that fails is stored as a record: the change itself with EV_ERROR added to its flags and the
+/// errno in data (ENOENT: no such knote; EBADF: EV_ADD of a number that is not open; EINVAL: unknown filter,
+/// two units of time; ENOMEM). EV_RECEIPT asks for such a record, with data 0, of a success too. A call that
+/// stored one returns without waiting and without events. A failure without room returns -1 with its errno,
+/// and the changes behind it are not applied.
+///
+/// A knote is keyed by ident and filter. EV_ADD of an existing one replaces udata and, of a timer, starts it
+/// again; its flags stay those of the first EV_ADD, which every event returns. close(2) of a descriptor ends
+/// its knotes.
+///
+///   EVFILT_READ   data: bytes to read (negative past the end of a regular file), or connections of a
+///   listening socket.
+///                 EV_EOF: nothing more will come, and data 0 means the end is reached.
+///   EVFILT_WRITE  data: bytes that a blocking write(2) takes without waiting if nobody else writes to the
+///   file.
+///                 EV_EOF: nothing more can be sent; data stays positive, but for a pipe, so that a write
+///                 meets the error.
+///   EVFILT_TIMER  data in: the period, in milliseconds or the unit of fflags; 0 or less fires at once and
+///   once.
+///                 data out: whole periods since it was started or reported last. Returned with EV_CLEAR.
+///
+/// A socket that was never connected, or connects still, is silent. A socket's pending error is left for
+/// read(2) and write(2), so fflags is 0 in every event. Thread: any; several may use one queue. A change made
+/// by one thread is seen by another that waits already.
 int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent* eventlist, int nevents,
            const struct timespec* timeout);
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 
 #ifdef __cplusplus
 }

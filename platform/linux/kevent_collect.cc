@@ -40,14 +40,34 @@ struct Collector {
     int room;
     int count;
     bool timersTaken;
-    bool stale;     // epoll reported an entry that a close(2) has ended
-    bool unread;    // epoll may have more to report
-    bool repeated;  // epoll has begun to report the same entries again
-    bool raced;     // another thread changed registrations during the wait
-    int64_t now;    // CLOCK_MONOTONIC
+    bool stale;       // epoll reported an entry that a close(2) has ended
+    bool unread;      // epoll may have more to report
+    bool repeated;    // epoll has begun to report the same entries again
+    bool raced;       // another thread changed registrations during the wait
+    int64_t timeout;  // ns; INT64_MAX: no limit
+    int64_t now;      // CLOCK_MONOTONIC, read when it is needed first and after each wait; 0: not yet
+    int64_t expiry;   // of the time-out; 0: not needed so far
 
     bool full() const { return count == room; }
 };
+
+int64_t timeNow(Collector& c) {
+    if (c.now == 0) c.now = clockNs(CLOCK_MONOTONIC);
+    return c.now;
+}
+
+int64_t expiryOf(Collector& c) {
+    if (c.expiry == 0) c.expiry = addClamped(timeNow(c), c.timeout);
+    return c.expiry;
+}
+
+bool hasExpired(Collector& c) {
+    return c.timeout == 0 || timeNow(c) >= expiryOf(c);
+}
+
+bool hasTimers(const Collector& c) {
+    return firstDeadline(c.queue.timers) != INT64_MAX;
+}
 
 void emit(Collector& c, const Entry& entry, Knote& knote, int16_t filter, const Readiness& readiness) {
     struct kevent& event = c.list[c.count++];
@@ -188,7 +208,7 @@ int waitUnlocked(Collector& c, epoll_event* reports, int limit, int64_t ns) {
     const int epoll = queue.fd;
     ++queue.waiters;
     (void)pthread_mutex_unlock(&queue.lock);
-    const int64_t begin = c.now;
+    const int64_t begin = timeNow(c);
     const int n = waitFor(epoll, reports, limit, ns);
     const int error = errno;
     c.now = clockNs(CLOCK_MONOTONIC);
@@ -225,8 +245,8 @@ bool takeEpoll(Collector& c, int64_t ns) {
 }
 
 void takeTimers(Collector& c) {
-    if (c.timersTaken || c.full()) return;
-    const int taken = collectTimers(c.queue.timers, c.now, c.list + c.count, c.room - c.count);
+    if (c.timersTaken || c.full() || !hasTimers(c)) return;
+    const int taken = collectTimers(c.queue.timers, timeNow(c), c.list + c.count, c.room - c.count);
     c.count += taken;
     c.timersTaken = taken > 0;
 }
@@ -287,9 +307,10 @@ void takeWritable(Collector& c) {
     }
 }
 
-bool hasUserSpaceEvents(const Collector& c) {
+bool hasUserSpaceEvents(Collector& c) {
     const KnoteTable& knotes = c.queue.knotes;
-    return firstDeadline(c.queue.timers) <= c.now || knotes.polled.count > 0 || knotes.writable.count > 0;
+    return (hasTimers(c) && firstDeadline(c.queue.timers) <= timeNow(c)) || knotes.polled.count > 0 ||
+           knotes.writable.count > 0;
 }
 
 /// Collects without waiting. The sources take turns in being the first, so that none keeps a short list for
@@ -312,14 +333,15 @@ bool takeReady(Collector& c) {
     return true;
 }
 
-int64_t waitTime(const Collector& c, int64_t expiry) {
-    const int64_t now = c.now;
-    const int64_t deadline = firstDeadline(c.queue.timers);
-    const int64_t until = deadline < expiry ? deadline : expiry;
+int64_t waitTime(Collector& c) {
     const bool polls = c.queue.knotes.polled.count > 0;
+    if (c.timeout == 0) return 0;
+    const int64_t deadline = firstDeadline(c.queue.timers);
+    const int64_t until = deadline < expiryOf(c) ? deadline : expiryOf(c);
     if (until == INT64_MAX) return polls ? kPollIntervalNs : INT64_MAX;
-    if (until <= now) return 0;
-    return polls && until - now > kPollIntervalNs ? kPollIntervalNs : until - now;
+    const int64_t left = until - timeNow(c);
+    if (left <= 0) return 0;
+    return polls && left > kPollIntervalNs ? kPollIntervalNs : left;
 }
 
 /// Replaces the epoll instance if it reported a registration that is gone.
@@ -333,21 +355,21 @@ void dropStale(Collector& c) {
     (void)pthread_mutex_lock(&c.queue.lock);
 }
 
-int64_t expiryOf(const timespec* timeout, int64_t now) {
+int64_t timeoutNs(const timespec* timeout) {
     if (timeout == nullptr) return INT64_MAX;
-    return addClamped(now, addClamped(mulClamped(timeout->tv_sec, kNsPerSecond), timeout->tv_nsec));
+    return addClamped(mulClamped(timeout->tv_sec, kNsPerSecond), timeout->tv_nsec);
 }
 
 /// Returns false with errno.
-bool collectUntil(Collector& c, int64_t expiry) {
+bool collectUntil(Collector& c) {
     bool waited = false;
     for (;;) {
         if (c.queue.knotes.polled.count > 0) askParked(c.queue);
         if (hasUserSpaceEvents(c) && !takeReady(c)) return false;
         dropStale(c);
-        if (c.count > 0 || (waited && c.now >= expiry)) return true;
+        if (c.count > 0 || (waited && hasExpired(c))) return true;
         handToEpoll(c.queue, false);
-        if (!takeEpoll(c, waitTime(c, expiry))) return false;
+        if (!takeEpoll(c, waitTime(c))) return false;
         waited = true;
         dropStale(c);
         if (c.count > 0) {
@@ -360,10 +382,10 @@ bool collectUntil(Collector& c, int64_t expiry) {
 }  // namespace
 
 int collectEvents(Kqueue& queue, struct kevent* list, int room, const timespec* timeout) {
-    Collector c{queue, list, room, 0, false, false, false, false, false, clockNs(CLOCK_MONOTONIC)};
+    Collector c{queue, list, room, 0, false, false, false, false, false, timeoutNs(timeout), 0, 0};
     handToEpoll(queue, true);
-    if (!collectUntil(c, expiryOf(timeout, c.now))) return -1;
-    const bool deferred = firstDeadline(queue.timers) != INT64_MAX || queue.knotes.polled.count > 0;
+    if (!collectUntil(c)) return -1;
+    const bool deferred = hasTimers(c) || queue.knotes.polled.count > 0;
     if (queue.waiters > 0 && deferred) wakeWaiter(queue);  // this thread may have been the one that was woken
     return c.count;
 }
