@@ -99,8 +99,16 @@ int kqueue(void);
 /// A socket that was never connected, or connects still, is silent. A socket's pending error is left for
 /// read(2) and write(2), so fflags is 0 in every event. Thread: any; several may use one queue. A change made
 /// by one thread is seen by another that waits already.
+#if defined(__GNUC__) && !defined(__clang__)
+/* The structure and the function share a name, as they always have. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
+#endif
 int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent* eventlist, int nevents,
            const struct timespec* timeout);
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 #ifdef __cplusplus
 }
