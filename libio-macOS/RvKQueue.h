@@ -6,7 +6,7 @@
 /// one at once.
 ///
 /// Each factory is defined in the source of the endpoint it makes, so that a program links only the kinds of
-/// endpoint it uses.
+/// endpoint it uses. docs/engine.md describes a turn of the loop and has an example for each endpoint.
 #ifndef RV_LIBIO_RVKQUEUE_H
 #define RV_LIBIO_RVKQUEUE_H
 
@@ -60,7 +60,8 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     void start() noexcept;
 
     /// Ends the I/O thread, stops all endpoints and closes the queue; the loop is of no use afterwards. Takes
-    /// about a second. Any thread except the I/O thread: never from an event block.
+    /// about a second, for the thread is looked at once a second. Called once, on any thread except the I/O
+    /// thread: never from an event block.
     void stop() noexcept;
 
     /// Queues one change record for the I/O thread's next kevent() call; the record is copied.
@@ -70,8 +71,8 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     /// Any thread. Without memory: an error line in the log, and the change is lost.
     void submitChange(const struct kevent& change) noexcept;
 
-    /// Queues a copy of `size` bytes for output by the endpoint. Returns true, also for endpoints that cannot
-    /// write. Any thread.
+    /// Queues a copy of `size` bytes for output by the endpoint; the queue has no limit. Returns true, also
+    /// for endpoints that cannot write: a failure is reported as event 2. Any thread.
     bool write(RvKQueueEventProtocol* endpoint, const void* buffer, std::uint64_t size) noexcept;
     bool write(const std::shared_ptr<RvKQueueEventProtocol>& endpoint, const void* buffer,
                std::uint64_t size) noexcept {
@@ -83,15 +84,16 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     void addActiveObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint) noexcept;
 
     /// Hands the block to the endpoint and arms its filters: events flow from here on. Some kinds call the
-    /// block with event 0 before this returns, on the caller's thread. Any thread.
+    /// block with event 0 before this returns, on the caller's thread. An empty block is allowed and sees
+    /// nothing. Any thread.
     void startObject(RvKQueueEventProtocol* endpoint, EventBlock onEvent) noexcept;
     void startObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint, EventBlock onEvent) noexcept {
         startObject(endpoint.get(), std::move(onEvent));
     }
 
     /// Has the endpoint retired: it leaves the registry now and is stopped by the I/O thread at the start of
-    /// its next turn. Events that the current turn has already collected may still reach it. An endpoint that
-    /// is not registered (any more) is ignored. Any thread, event blocks included. Without memory: an error
+    /// its next turn. Events that the current turn has already collected may still reach it; output that is
+    /// still queued is not sent. An endpoint that is not registered (any more) is ignored. Any thread, event blocks included. Without memory: an error
     /// line, and the endpoint stays registered.
     void stopObject(const RvKQueueEventProtocol* endpoint) noexcept;
     void stopObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint) noexcept {
@@ -106,8 +108,8 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
                  const RvKQueueEventProtocol* object) noexcept;
 
     /// Factories. Each returns a registered endpoint, or null after one error line in the log; the loop and
-    /// the caller share it. Nothing is reported before startObject. Any thread. The endpoints' headers say
-    /// what the arguments are.
+    /// the caller share it, and the caller need not keep it. Nothing is reported before startObject. Any
+    /// thread. The endpoints' headers say what the arguments are; all are copied.
     std::shared_ptr<RvKQueueStreamSocket> createStreamSocket(std::int32_t sock, bool closeOnStop) noexcept;
     std::shared_ptr<RvKQueueTCPClient> createTCPClient(const struct sockaddr* address) noexcept;
     std::shared_ptr<RvKQueueUnixClient> createUnixClient(const char* path) noexcept;

@@ -22,7 +22,8 @@ class RvKQueue;
 ///
 /// interfaceName  zero-terminated name of an interface
 /// blockLength    wanted length of the blocks read, in bytes; the system may choose another
-/// It fails when the interface is not known or the process may not capture.
+/// It fails when the interface is not known or the process may not capture. See docs/engine.md, "Packet
+/// capture".
 class RvKQueueBPF : public RvKQueueEventProtocol {
   public:
     /// An endpoint that captures nothing yet; null without memory.

@@ -22,6 +22,7 @@ class RvKQueue;
 ///
 /// descriptors  two of them: what to read from, then what to write to; their blocking mode is left alone
 /// closeOnStop  whether the endpoint owns and closes both; otherwise stop only removes the filters
+/// See docs/engine.md, "Descriptor pair", also for the event 2 of a write side that is ready without need.
 class RvKQueueBipipeClient : public RvKQueueEventProtocol {
   public:
     /// An endpoint; null without memory.

@@ -28,7 +28,7 @@ inline constexpr std::int32_t kEventConnectFailed = 3;  ///< the connection atte
 /// Returns, for listening endpoints only, whether the block has taken the accepted descriptor; other
 /// endpoints ignore the result. Runs on the loop's I/O thread with no lock held, except for an event 0 that
 /// startObject delivers on its caller's thread before it returns. It may call anything of the loop but stop,
-/// must not throw, and is kept until its endpoint is stopped.
+/// must not throw, and is kept until its endpoint is stopped. See docs/engine.md, "The event block".
 using EventBlock = std::function<bool(RvKQueueEventProtocol* object, const char* buffer, std::uint64_t size,
                                       std::uint64_t* dropSize, std::int32_t event)>;
 

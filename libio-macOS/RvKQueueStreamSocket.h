@@ -28,7 +28,10 @@ class RvKQueue;
 ///
 /// RvKQueue::createStreamSocket(sock, closeOnStop) makes one from a connected socket, for instance an
 /// accepted one. With closeOnStop the endpoint owns the descriptor, and stop shuts it down and closes it;
-/// without, stop only removes the filters and the descriptor stays the caller's.
+/// without, stop only removes the filters and the descriptor stays the caller's. Output that is queued when
+/// the endpoint is stopped is not sent.
+///
+/// See docs/engine.md, "Stream socket".
 class RvKQueueStreamSocket : public RvKQueueEventProtocol {
   public:
     /// A connected endpoint; null without memory. Nothing is logged and nothing registered: use the factory.

@@ -11,9 +11,9 @@
 /// A stream socket that makes and owns its socket. RvKQueue::createTCPClient(address) makes one and starts
 /// the connection:
 ///
-/// address  IPv4 or IPv6 address and port; copied
+/// address  IPv4 or IPv6 address and port, in network byte order; copied
 /// A peer that refuses, or never answers, shows as event 3 after startObject; an address that cannot be tried
-/// at all fails at creation.
+/// at all fails at creation. See docs/engine.md, "TCP client and Unix client".
 class RvKQueueTCPClient : public RvKQueueStreamSocket {
   public:
     /// An endpoint without a socket; null without memory.

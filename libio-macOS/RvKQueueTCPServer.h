@@ -19,8 +19,9 @@ class RvKQueue;
 ///
 /// RvKQueue::createTCPServer(address) makes one:
 ///
-/// address  IPv4 or IPv6 address and port to listen at; copied. It may be in use by other sockets that have,
-///          like this one, SO_REUSEPORT.
+/// address  IPv4 or IPv6 address and port to listen at, in network byte order; copied. It may be in use by
+///          other sockets that have, like this one, SO_REUSEPORT.
+/// Up to 128 connections wait to be accepted. See docs/engine.md, "TCP server".
 class RvKQueueTCPServer : public RvKQueueEventProtocol {
   public:
     /// Makes a socket listening at `address`. Returns its descriptor, which the caller owns, or -1. Any

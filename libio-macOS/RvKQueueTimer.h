@@ -17,8 +17,10 @@ class RvKQueue;
 ///
 /// RvKQueue::createTimer(ms, oneShot) makes one:
 ///
-/// ms       period, or delay of a one-shot timer, in milliseconds; its low 32 bits count
+/// ms       period, or delay of a one-shot timer, in milliseconds; its low 32 bits count, as a signed number.
+///          0 or less fires at once and only once.
 /// oneShot  whether it fires once only
+/// See docs/engine.md, "Timer".
 class RvKQueueTimer : public RvKQueueEventProtocol {
   public:
     /// A timer; null without memory.

@@ -9,8 +9,9 @@
 /// A stream socket that makes and owns its socket. RvKQueue::createUnixClient(path) makes one and connects
 /// it:
 ///
-/// path  zero-terminated, at most 103 bytes; a longer one fails at creation
-/// A peer that refuses, or is not there, shows as event 3 after startObject.
+/// path  zero-terminated, at most 103 bytes; copied. A longer one fails at creation.
+/// A peer that refuses, or is not there, shows as event 3 after startObject. See docs/engine.md, "TCP client
+/// and Unix client".
 class RvKQueueUnixClient : public RvKQueueStreamSocket {
   public:
     /// An endpoint without a socket; null without memory.

@@ -21,6 +21,7 @@ class RvKQueue;
 /// path  zero-terminated, 1 to 103 bytes; whatever is there is unlinked first. The socket file stays behind
 ///       when the endpoint stops.
 /// perm  the file's mode, exactly: the process's umask does not apply
+/// Up to 128 connections wait to be accepted. See docs/engine.md, "Unix server".
 class RvKQueueUnixServer : public RvKQueueEventProtocol {
   public:
     /// Makes a socket listening at `path`. Returns its descriptor, which the caller owns, or -1. Any thread.

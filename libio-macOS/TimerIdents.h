@@ -25,7 +25,9 @@ class TimerIdents {
 
     /// Adds an ident that findFree has just returned.
     void insert(std::int32_t ident) noexcept;
+    /// Frees an ident that is in the set.
     void erase(std::int32_t ident) noexcept;
+    /// Whether the ident is in the set; any number may be asked about.
     bool contains(std::int32_t ident) const noexcept;
 
   private:

@@ -14,7 +14,7 @@ struct PeerCredentials {
 /// Asks the kernel for the process that connected (on the connecting side: that listened) to `sock`. It still
 /// answers when that process has ended or has passed the socket on.
 /// Returns false, leaving `credentials` alone, when `sock` is no Unix-domain socket, was never connected, or
-/// its peer has no process id here. Any thread.
+/// its peer has no process id here. Any thread. On Linux this is SO_PEERCRED, see unix(7).
 bool getPeerCredentials(int sock, PeerCredentials* credentials) noexcept;
 
 #endif
