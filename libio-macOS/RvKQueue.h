@@ -93,8 +93,8 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
 
     /// Has the endpoint retired: it leaves the registry now and is stopped by the I/O thread at the start of
     /// its next turn. Events that the current turn has already collected may still reach it; output that is
-    /// still queued is not sent. An endpoint that is not registered (any more) is ignored. Any thread, event blocks included. Without memory: an error
-    /// line, and the endpoint stays registered.
+    /// still queued is not sent. An endpoint that is not registered (any more) is ignored. Any thread, event
+    /// blocks included. Without memory: an error line, and the endpoint stays registered.
     void stopObject(const RvKQueueEventProtocol* endpoint) noexcept;
     void stopObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint) noexcept {
         stopObject(endpoint.get());
