@@ -1,0 +1,2 @@
+# Names of files, which fish completes by itself.
+complete -c rvusbprules-check -F
