@@ -3,6 +3,7 @@
 #include <boost/json/serializer.hpp>
 #include <cstdio>
 #include <exception>
+#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -32,8 +33,7 @@ void complain(const char* message) noexcept {
 /// steps then do nothing and send() tells.
 class Request {
   public:
-    Request(std::size_t members, const char* failure, boost::json::storage_ptr storage = {}) noexcept
-        : body_(std::move(storage)) {
+    Request(std::size_t members, const char* failure) noexcept {
         attempt(failure, [&] { body_.reserve(members); });
     }
 
@@ -73,13 +73,6 @@ class Request {
         }
         client.sendJSON(&body_, command);
         return true;
-    }
-
-    /// Moves an array that with() took over back to where it was; the request is of no use afterwards.
-    void giveBack(std::string_view key, JsonArray& array) noexcept {
-        if (JsonValue* const value = body_.if_contains({key.data(), key.size()})) {
-            array = std::move(value->get_array());  // of the same storage, so that nothing is copied
-        }
     }
 
   private:
@@ -244,15 +237,20 @@ bool RvTetherIPCClient::handleEvent(const char* buffer, std::uint64_t size, std:
 
 void RvTetherIPCClient::sendJSON(const JsonObject* dictionary, std::int32_t command) noexcept {
     const std::optional<std::string> frame = encodeFrame(dictionary, command);
-    if (!frame) {
-        if (dictionary != nullptr) {
-            complain("cannot convert dictionary to JSON");
-        }
-        return;
+    if (frame) {
+        send({*frame});
+    } else if (dictionary != nullptr) {
+        complain("cannot convert dictionary to JSON");
     }
+}
+
+void RvTetherIPCClient::send(std::initializer_list<std::string_view> frame) noexcept {
     const std::shared_ptr<RvKQueueEventProtocol> target = endpoint();
     if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && target) {
-        (void)loop->write(target, frame->data(), frame->size());  // always true: failures come as events
+        const LockGuard<Lock> guard(frameLock);
+        for (const std::string_view piece : frame) {
+            (void)loop->write(target, piece.data(), piece.size());  // always true: failures come as events
+        }
     }
 }
 
@@ -326,14 +324,18 @@ void RvTetherIPCClient::getRuleList() noexcept {
     sendJSON(nullptr, kCmdGetRules);
 }
 
-bool RvTetherIPCClient::loadRuleList(JsonArray& rules) noexcept {
-    // A body in the array's own storage takes the array over and gives it back; any other would copy every
-    // rule.
-    Request request(1, kNoDictionary, rules.storage());
-    request.with("rules", std::move(rules), kNoDictionary);
-    const bool sent = request.send(*this, kCmdLoadRules);
-    request.giveBack("rules", rules);
-    return sent;
+bool RvTetherIPCClient::loadRuleList(std::string_view rules) noexcept {
+    constexpr std::string_view kBefore = R"({"rules":)";
+    constexpr std::string_view kAfter = "}";
+    const std::uint64_t length = kBefore.size() + rules.size() + kAfter.size();
+    if (length > std::numeric_limits<std::uint32_t>::max()) {
+        complain(kNoDictionary);
+        return false;
+    }
+    char header[kFrameHeaderBytes];
+    encodeFrameHeader({kCmdLoadRules, static_cast<std::uint32_t>(length)}, header);
+    send({{header, sizeof header}, kBefore, rules, kAfter});
+    return true;
 }
 
 bool RvTetherIPCClient::insertRuleForDevice(std::uint32_t deviceId, std::string_view action) noexcept {

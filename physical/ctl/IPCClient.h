@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
 
@@ -77,9 +78,8 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
     void requestDisconnectDevice(std::uint32_t deviceId) noexcept;
     void startRuleTransaction() noexcept;
     void getRuleList() noexcept;
-    /// rules  the whole rule set, in order; lent for the call rather than copied, as it may be large, and
-    ///        unchanged afterwards
-    bool loadRuleList(JsonArray& rules) noexcept;
+    /// rules  the whole rule set, in order: the JSON text of an array of records
+    bool loadRuleList(std::string_view rules) noexcept;
     bool insertRuleForDevice(std::uint32_t deviceId, std::string_view action) noexcept;
     /// host  looked at only when `type` is "net"; must not be null then
     bool testRuleForDevice(std::uint32_t deviceId, std::string_view type, const char* host) noexcept;
@@ -91,11 +91,14 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
   private:
     bool handleEvent(const char* buffer, std::uint64_t size, std::uint64_t* dropSize,
                      std::int32_t event) noexcept;
+    /// Sends a frame that comes in pieces; a large rule set is not copied only to join it with its header.
+    void send(std::initializer_list<std::string_view> frame) noexcept;
     bool deliverFrame(std::int32_t command, std::string_view body) noexcept;
     void reportError() noexcept;
     std::shared_ptr<RvKQueueEventProtocol> endpoint() const noexcept;
 
     std::weak_ptr<RvKQueue> kq;  ///< the loop that runs the connection; not kept alive
+    Lock frameLock;              ///< keeps the pieces of a frame together; held while they are queued
     mutable Lock endpointLock;
     std::shared_ptr<RvKQueueEventProtocol> unix_ RV_GUARDED_BY(endpointLock);  ///< strong until stop()
 

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstddef>
 
+#include "ipc/json_text.h"
 #include "rules/rule_parser.h"
 
 namespace {
@@ -42,31 +43,47 @@ bool endsHost(char byte) noexcept {
     return byte == ',' || isRuleSpace(byte);
 }
 
-std::size_t countHosts(std::string_view argument) noexcept {
-    std::size_t count = 0;
-    bool between = true;
-    for (const char byte : argument) {
-        const bool separator = endsHost(byte);
-        count += between && !separator ? 1 : 0;
-        between = separator;
+/// What stands before the value of a member that is not the first, for each field: a comma and the key.
+struct MemberStart {
+    std::array<char, 24> bytes;
+    std::size_t size;
+};
+
+constexpr std::array<MemberStart, kRuleFieldCount> kMemberStarts = [] {
+    std::array<MemberStart, kRuleFieldCount> starts{};
+    for (std::size_t field = 0; field < starts.size(); ++field) {
+        MemberStart& start = starts[field];
+        const auto put = [&start](char byte) { start.bytes.at(start.size++) = byte; };
+        put(',');
+        put('"');
+        for (const char byte : kRuleFields[field].key) {
+            put(byte);
+        }
+        put('"');
+        put(':');
     }
-    return count;
+    return starts;
+}();
+
+void appendHosts(std::string& json, std::string_view argument) {
+    json += '[';
+    for (std::string_view host = takeHost(argument); !host.empty(); host = takeHost(argument)) {
+        if (json.back() != '[') {
+            json += ',';
+        }
+        appendJsonString(json, host);
+    }
+    json += ']';
 }
 
 }  // namespace
 
-JsonArray makeHostArray(std::string_view argument, const JsonStorage& storage) {
-    JsonArray hosts(storage);
-    hosts.reserve(countHosts(argument));
-    auto end = argument.begin();
-    for (;;) {
-        const auto start = std::find_if_not(end, argument.end(), endsHost);
-        if (start == argument.end()) {
-            return hosts;
-        }
-        end = std::find_if(start, argument.end(), endsHost);
-        hosts.emplace_back(JsonString(&*start, static_cast<std::size_t>(end - start), storage));
-    }
+std::string_view takeHost(std::string_view& rest) noexcept {
+    const auto start = std::find_if_not(rest.begin(), rest.end(), endsHost);
+    const auto end = std::find_if(start, rest.end(), endsHost);
+    const std::string_view host(start, end);
+    rest = {end, rest.end()};
+    return host;
 }
 
 void RuleBuilder::setText(RuleField field, std::string_view text) noexcept {
@@ -177,32 +194,29 @@ bool RuleBuilder::takeTriple(std::string_view token) noexcept {
     return count != 0;
 }
 
-void RuleBuilder::emplace(JsonObject& record, RuleField field) const {
-    const auto [name, form] = kRuleFields[index(field)];
-    const boost::json::string_view key(name.data(), name.size());
-    switch (form) {
+void RuleBuilder::appendValue(std::string& json, RuleField field) const {
+    const std::size_t at = index(field);
+    switch (kRuleFields[at].value) {
         case RuleValue::kString:
-            record.emplace(key,
-                           boost::json::string_view(texts_[index(field)].data, texts_[index(field)].size));
-            break;
+            return appendJsonString(json, {texts_[at].data, texts_[at].size});
         case RuleValue::kStrings:
-            record.emplace(
-                key, makeHostArray({texts_[index(field)].data, texts_[index(field)].size}, record.storage()));
-            break;
+            return appendHosts(json, {texts_[at].data, texts_[at].size});
         case RuleValue::kNumber:
-            record.emplace(key, numbers_[index(field)]);
-            break;
+            return appendJsonNumber(json, numbers_[at]);
         case RuleValue::kBoolean:
-            record.emplace(key, numbers_[index(field)] != 0);
-            break;
+            json += numbers_[at] != 0 ? "true" : "false";
+            return;
     }
 }
 
-JsonObject RuleBuilder::record(const JsonStorage& storage) const {
-    JsonObject record(storage);
-    record.reserve(static_cast<std::size_t>(std::popcount(present_)));
+void RuleBuilder::appendRecord(std::string& json) const {
+    const std::size_t start = json.size();
     for (std::uint32_t left = present_; left != 0; left &= left - 1) {
-        emplace(record, static_cast<RuleField>(std::countr_zero(left)));
+        const auto field = static_cast<RuleField>(std::countr_zero(left));
+        const MemberStart& member = kMemberStarts[index(field)];
+        json.append(member.bytes.data(), member.size);
+        appendValue(json, field);
     }
-    return record;
+    json[start] = '{';  // in place of the first member's comma
+    json += '}';
 }

@@ -1,34 +1,35 @@
-/// Builds the record of one rule from its tokens.
+/// Builds the record of one rule from its tokens, as JSON text.
 #ifndef RV_RULES_RULE_BUILDER_H
 #define RV_RULES_RULE_BUILDER_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
-#include "ipc/json.h"
-#include "ipc/json_arena.h"
 #include "rules/rule_record.h"
 
-/// The pieces of `argument` between commas and white space, empty ones left out, as an array of strings in
-/// `storage`. Throws std::bad_alloc.
-JsonArray makeHostArray(std::string_view argument, const JsonStorage& storage);
+/// Removes the first host from `rest`, the argument of `host` or what is left of it. Hosts are the pieces
+/// between commas and white space; empty pieces are none.
+///
+/// Returns the host, or an empty view when there is none left.
+std::string_view takeHost(std::string_view& rest) noexcept;
 
-/// Takes tokens one by one. Until record() everything is a view, so that a record is made at once in its
-/// final size and a refused line costs no memory. Used by one thread.
+/// Takes tokens one by one. Until appendRecord() everything is a view, so that a refused line costs no memory
+/// and a rule that is only to be sent never becomes a JSON value. Used by one thread.
 class RuleBuilder {
   public:
     RuleBuilder() noexcept {}  // leaves the values of absent fields unset
 
-    /// Takes the next token; it must stay valid until record(). False when the line is refused.
+    /// Takes the next token; it must stay valid until appendRecord(). False when the line is refused.
     bool take(std::string_view token) noexcept;
 
     /// True when the tokens taken so far are a rule: there is an action.
     bool complete() const noexcept { return has(RuleField::kAction); }
 
-    /// The record, once it is complete. Its values live in `storage`. Throws std::bad_alloc.
-    JsonObject record(const JsonStorage& storage) const;
+    /// Appends the record's JSON text to `json`, once it is complete. Throws std::bad_alloc.
+    void appendRecord(std::string& json) const;
 
   private:
     bool has(RuleField field) const noexcept { return (present_ & bit(field)) != 0; }
@@ -40,7 +41,7 @@ class RuleBuilder {
     bool takeMatch(std::string_view token) noexcept;
     bool takeText(std::string_view token) noexcept;
     bool takeTriple(std::string_view token) noexcept;
-    void emplace(JsonObject& record, RuleField field) const;
+    void appendValue(std::string& json, RuleField field) const;
 
     static constexpr std::uint32_t bit(RuleField field) noexcept {
         return std::uint32_t{1} << static_cast<unsigned>(field);

@@ -105,6 +105,15 @@ bool printToDescriptor(const JsonObject& reply, int fd) noexcept {
     return (std::fclose(stream) == 0) && written && accepted;
 }
 
+/// Nothing when there is no memory for it.
+std::optional<std::string> copyOf(const char* text) noexcept {
+    try {
+        return text;
+    } catch (...) {
+        return {};
+    }
+}
+
 }  // namespace
 
 std::optional<std::string> load_any_file(const char* path, const char* what) noexcept {
@@ -133,8 +142,9 @@ RuleSet load_rule_file(const char* path) noexcept {
 }
 
 std::optional<std::string> rules2file(const JsonObject& reply) noexcept {
-    char path[] = "/tmp/tmp.XXXXXXXXXXXX";
-    const int fd = ::mkostemp(path, O_CLOEXEC);
+    std::optional<std::string> name = copyOf("/tmp/tmp.XXXXXXXXXXXX");
+    char* const path = name ? name->data() : nullptr;
+    const int fd = name ? ::mkostemp(path, O_CLOEXEC) : -1;
     if (fd < 0) {
         (void)std::fputs("Cannot create temporary file.\n", stderr);
         return {};
@@ -146,5 +156,5 @@ std::optional<std::string> rules2file(const JsonObject& reply) noexcept {
     }
     (void)std::printf("In case of error the copy of rules is put into \"%s\".\n", path);
     (void)std::fflush(stdout);  // the editor takes the terminal next
-    return std::string(path);
+    return name;
 }

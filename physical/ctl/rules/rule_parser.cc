@@ -1,33 +1,27 @@
 #include "rules/rule_parser.h"
 
 #include <algorithm>
+#include <boost/json/parse.hpp>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
+#include <utility>
 
-#include "ipc/json_arena.h"
 #include "rules/rule_builder.h"
 #include "rules/rule_lines.h"
 #include "rules/rule_tokens.h"
 
 namespace {
 
-constexpr std::size_t kArenaBytesPerTextByte = 8;  // enough but for the shortest rules
-constexpr std::size_t kShortestRuleBytes = 6;      // an action word and the end of its line
+/// Room for the rules of all but the densest texts. What is reserved and not needed is never touched.
+constexpr std::size_t kJsonBytesPerTextByte = 4;
 
-/// No text has more rules than this: an array of that size never moves. What is reserved beyond the rules
-/// that there are is never touched.
-std::size_t mostRules(std::string_view text) noexcept {
-    const auto feeds = std::count(text.begin(), text.end(), '\n');
-    const auto nuls = std::count(text.begin(), text.end(), '\0');
-    return std::min(static_cast<std::size_t>(feeds + nuls) + 1, (text.size() + 1) / kShortestRuleBytes);
-}
-
-RuleSet createRules(std::string_view text) noexcept {
+std::shared_ptr<std::string> createRules(std::string_view text) noexcept {
     try {
-        RuleSet rules = makeArenaArray(text.size() * kArenaBytesPerTextByte);
-        rules->reserve(mostRules(text));
+        auto rules = std::make_shared<std::string>();
+        rules->reserve(text.size() * kJsonBytesPerTextByte);
+        rules->push_back('[');
         return rules;
     } catch (...) {
         return {};
@@ -46,7 +40,7 @@ NextLine nextLine(RuleLines& lines, std::string_view& line) noexcept {
 
 /// The rule of one line is added to `rules`; false when the line is refused. The line is read once: each
 /// token goes to the builder as soon as it is known.
-bool appendRule(std::string_view line, std::string& arena, JsonArray& rules) noexcept {
+bool appendRule(std::string_view line, std::string& arena, std::string& rules) noexcept {
     try {
         RuleTokens tokens(line, arena);
         RuleBuilder builder;
@@ -60,7 +54,10 @@ bool appendRule(std::string_view line, std::string& arena, JsonArray& rules) noe
         if (step == RuleTokens::Step::kBad || !builder.complete()) {
             return false;
         }
-        rules.emplace_back(builder.record(rules.storage()));
+        if (rules.size() > 1) {
+            rules += ',';
+        }
+        builder.appendRecord(rules);
         return true;
     } catch (...) {
         return false;
@@ -70,6 +67,16 @@ bool appendRule(std::string_view line, std::string& arena, JsonArray& rules) noe
 RuleSet refuse(const char* message) noexcept {
     (void)std::fputs(message, stderr);  // there is nowhere left to complain
     return {};
+}
+
+/// Closes the array.
+RuleSet finish(std::shared_ptr<std::string> rules) noexcept {
+    try {
+        rules->push_back(']');
+        return rules;
+    } catch (...) {
+        return refuse("Memory allocation error.\n");
+    }
 }
 
 // Deliberate: everything that strtoul(3) takes is taken: no digits at all in an empty part (0), a sign, a
@@ -157,7 +164,9 @@ std::optional<JsonObject> rule_parser_line2dictionary(std::span<const std::strin
         if (!builder.complete()) {
             return {};
         }
-        return builder.record({});
+        std::string json;
+        builder.appendRecord(json);
+        return std::move(boost::json::parse(json).get_object());
     } catch (...) {
         return {};
     }
@@ -165,7 +174,11 @@ std::optional<JsonObject> rule_parser_line2dictionary(std::span<const std::strin
 
 std::optional<JsonArray> rule_parse_host2array(std::string_view argument) noexcept {
     try {
-        return makeHostArray(argument, {});
+        JsonArray hosts;
+        for (std::string_view host = takeHost(argument); !host.empty(); host = takeHost(argument)) {
+            hosts.emplace_back(boost::json::string_view(host.data(), host.size()));
+        }
+        return hosts;
     } catch (...) {
         return {};
     }
@@ -180,7 +193,7 @@ std::size_t rule_parser_triple2values(std::string_view argument, RuleTriple& val
 }
 
 RuleSet rule_parser_run(std::string_view text) noexcept {
-    RuleSet rules = createRules(text);
+    std::shared_ptr<std::string> rules = createRules(text);
     if (!rules) {
         return refuse("Memory allocation error.\n");
     }
@@ -192,7 +205,7 @@ RuleSet rule_parser_run(std::string_view text) noexcept {
             case NextLine::kFound:
                 break;
             case NextLine::kNone:
-                return rules;
+                return finish(std::move(rules));
             case NextLine::kFailed:
                 return refuse("Error parsing rule data.\n");
         }

@@ -20,9 +20,10 @@
 
 #include "ipc/json.h"
 
-/// The records of a text, or null. They live in one arena, which the pointer owns together with the array:
-/// keep it for as long as any of them is in use, those that were moved out of the array included.
-using RuleSet = std::shared_ptr<JsonArray>;
+/// The records of a text as the JSON text of their array, "[]" when there are none; null where there is no
+/// rule set. Nobody on this side looks into a rule set, it is only sent: as values a large one would take
+/// many times the time and the memory.
+using RuleSet = std::shared_ptr<const std::string>;
 
 /// Logical lines, or tokens.
 using RuleStrings = std::vector<std::string>;
@@ -68,8 +69,8 @@ std::size_t rule_parser_triple2values(std::string_view argument, RuleTriple& val
 /// empty array.
 ///
 /// text  borrowed for the call
-/// Returns the records in the order of the text; on the first error null, after one line on standard error:
-/// "Memory allocation error.", "Error parsing rule data." or "Parsing error at rule #N".
+/// Returns the records, as UTF-8 and in the order of the text; on the first error null, after one line on
+/// standard error: "Memory allocation error.", "Error parsing rule data." or "Parsing error at rule #N".
 RuleSet rule_parser_run(std::string_view text) noexcept;
 
 #endif

@@ -194,18 +194,9 @@ std::vector<RequestRow> catalogue() {
          R"({"id":4294967295})"},
         {"start transaction", sent([](Client& c) { c.startRuleTransaction(); }), 6, nullptr},
         {"get rules", sent([](Client& c) { c.getRuleList(); }), 7, nullptr},
-        {"load rules",
-         [](Client& c) {
-             JsonArray rules{JsonObject{{"action", "share"}}};
-             return c.loadRuleList(rules) && rules == JsonArray{JsonObject{{"action", "share"}}};
-         },
-         8, R"({"rules":[{"action":"share"}]})"},
-        {"load no rules",
-         [](Client& c) {
-             JsonArray rules;
-             return c.loadRuleList(rules) && rules.empty();
-         },
-         8, R"({"rules":[]})"},
+        {"load rules", [](Client& c) { return c.loadRuleList(R"([{"action":"share"}])"); }, 8,
+         R"({"rules":[{"action":"share"}]})"},
+        {"load no rules", [](Client& c) { return c.loadRuleList("[]"); }, 8, R"({"rules":[]})"},
         {"insert", [](Client& c) { return c.insertRuleForDevice(7, "block"); }, 9,
          R"({"id":7,"action":"block"})"},
         {"test net", [](Client& c) { return c.testRuleForDevice(7, "net", "pc1"); }, 10,

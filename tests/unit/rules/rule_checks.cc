@@ -26,7 +26,7 @@ Outcome parseAtOnce(std::string_view text, CapturedStderr& messages) {
     const RuleSet rules = rule_parser_run(text);
     Outcome outcome;
     if (rules) {
-        outcome.rules.emplace(*rules, JsonArray().storage());
+        outcome.rules.emplace(records(rules), JsonArray().storage());
     }
     outcome.message = messages.take();
     return outcome;

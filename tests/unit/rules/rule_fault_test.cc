@@ -46,7 +46,7 @@ TEST(RuleFaults, ParserReportsEveryLackOfMemory) {
         const std::string message = messages.take();
         if (found) {
             EXPECT_EQ(message, "");
-            EXPECT_EQ(found->size(), 41U);
+            EXPECT_EQ(records(found).size(), 41U);
             return true;
         }
         whole += message == "Memory allocation error.\n" ? 1 : 0;

@@ -283,7 +283,7 @@ TEST(RulePrinter, WritesBehindWhatTheStreamHolds) {
 std::string reread(const std::string& members) {
     CapturedStderr messages;
     const RuleSet rules = rule_parser_run(printRecord(members));
-    return rules ? toText(*rules) : "null";
+    return rules ? *rules : "null";
 }
 
 TEST(RulePrinter, OneWayValues) {

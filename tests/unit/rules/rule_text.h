@@ -7,12 +7,18 @@
 #include <string_view>
 
 #include "ipc/json.h"
+#include "rules/rule_parser.h"
 #include "rules/rule_printer.h"
 
 /// A literal that may hold NUL bytes.
 template <std::size_t Size>
 std::string bytes(const char (&literal)[Size]) {
     return std::string(literal, Size - 1);
+}
+
+/// The records of a rule set as values. rules  not null
+inline JsonArray records(const RuleSet& rules) {
+    return boost::json::parse(*rules).as_array();
 }
 
 inline std::string toText(const JsonValue& value) {

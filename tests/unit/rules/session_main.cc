@@ -57,7 +57,7 @@ void run(const char* path) {
 
 void edit(const char* path) {
     const RuleSet rules = loadRulesFromEditor(path);
-    std::printf("edit: %s\n", rules ? toText(*rules).c_str() : "null");
+    std::printf("edit: %s\n", rules ? rules->c_str() : "null");
 }
 
 void ask(const char* prompt) {
