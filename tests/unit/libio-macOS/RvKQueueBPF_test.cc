@@ -1,6 +1,7 @@
 #include "libio-macOS/RvKQueueBPF.h"
 
 #include <arpa/inet.h>
+#include <linux/capability.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -8,13 +9,32 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
 #include "platform/kevent.h"
 #include "unit/libio-macOS/support/engine_fixture.h"
+
+namespace {
+bool refusesPacketSockets = false;
+}
+
+extern "C" {
+
+int __real_bind(int sock, const struct sockaddr* address, socklen_t length);
+int __wrap_bind(int sock, const struct sockaddr* address, socklen_t length);
+
+int __wrap_bind(int sock, const struct sockaddr* address, socklen_t length) {
+    if (!refusesPacketSockets || address->sa_family != AF_PACKET) return __real_bind(sock, address, length);
+    errno = ENETDOWN;
+    return -1;
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -267,6 +287,27 @@ TEST_F(RvKQueueBPFCapture, AnUnknownInterfaceFailsAtCreation) {
     EXPECT_FALSE(loop->createBPF("a name far too long for an interface", 4096));
     EXPECT_EQ(3, countLogged(LogLevel::kError, kFailure));
     EXPECT_EQ(before, openDescriptorCount());
+}
+
+TEST_F(RvKQueueBPFCapture, WithoutTheRightToCaptureItFailsAtCreation) {
+    // Of this thread alone, and for the rest of the case, which is a process of its own.
+    struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    struct __user_cap_data_struct data[2] = {};
+    ASSERT_EQ(0, syscall(SYS_capset, &header, data));
+    const int before = openDescriptorCount();
+    EXPECT_FALSE(loop->createBPF("lo", 4096));
+    EXPECT_EQ(1, countLogged(LogLevel::kError, kFailure));
+    EXPECT_EQ(before, openDescriptorCount());
+}
+
+TEST_F(RvKQueueBPFCapture, ASocketThatCannotBeAttachedIsClosed) {
+    const int before = openDescriptorCount();
+    refusesPacketSockets = true;
+    EXPECT_FALSE(loop->createBPF("lo", 4096));
+    refusesPacketSockets = false;
+    EXPECT_EQ(1, countLogged(LogLevel::kError, kFailure));
+    EXPECT_EQ(before, openDescriptorCount());
+    EXPECT_TRUE(loop->createBPF("lo", 4096));
 }
 
 TEST_F(RvKQueueBPFCapture, ItTakesNoOutput) {

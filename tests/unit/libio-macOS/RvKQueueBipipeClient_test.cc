@@ -1,5 +1,6 @@
 #include "libio-macOS/RvKQueueBipipeClient.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "platform/kevent.h"
@@ -101,6 +102,17 @@ TEST_F(RvKQueueBipipeClientInput, TheEndIsEventTwoWithWhatWasKept) {
     EXPECT_EQ("abc", closed[0].bytes);
 }
 
+TEST_F(RvKQueueBipipeClientInput, AReadErrorIsEventTwo) {
+    start();
+    // A write-only file in the place of the read side: read fails with EBADF.
+    const int unreadable = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ASSERT_NE(-1, dup2(unreadable, in[0]));
+    report(EVFILT_READ, 9);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    EXPECT_EQ(0, recorder.count(kEventData));
+    EXPECT_EQ(0, close(unreadable));
+}
+
 TEST_F(RvKQueueBipipeClientOutput, OneWriteOfAtMostTheRoomReported) {
     start();
     loop->write(endpoint, "abcdef", 6);
@@ -132,6 +144,22 @@ TEST_F(RvKQueueBipipeClientOutput, AWriteErrorReportsClosed) {
     out.close(0);
     report(EVFILT_WRITE, 10);
     EXPECT_EQ(1, recorder.count(kEventClosed));
+}
+
+TEST_F(RvKQueueBipipeClientOutput, AfterAWriteErrorTheBytesAreTriedAgain) {
+    start();
+    loop->write(endpoint, "abc", 3);
+    const int writable = dup(out[1]);
+    const int unwritable = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_NE(-1, dup2(unwritable, out[1]));
+    report(EVFILT_WRITE, 10);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    ASSERT_NE(-1, dup2(writable, out[1]));
+    report(EVFILT_WRITE, 10);
+    EXPECT_EQ("abc", readExactly(out[0], 3));
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    EXPECT_EQ(0, close(writable));
+    EXPECT_EQ(0, close(unwritable));
 }
 
 TEST_F(RvKQueueBipipeClientOutput, OtherFiltersAreIgnored) {

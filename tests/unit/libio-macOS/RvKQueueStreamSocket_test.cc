@@ -44,6 +44,66 @@ class StreamSocketOnIdleLoop : public IdleLoopTest {
     }
 };
 
+// An endpoint whose connection is still to be made, as the clients have it.
+class ConnectingSocket : public RvKQueueStreamSocket {
+  public:
+    explicit ConnectingSocket(int unconnected)
+        : RvKQueueStreamSocket(unconnected, false, false, std::weak_ptr<RvKQueue>(), OsLog()) {}
+    using RvKQueueStreamSocket::connectTo;
+
+    void report(int filter, std::int64_t data, int flags = 0) {
+        const struct kevent record = {
+            0,    static_cast<std::int16_t>(filter),        static_cast<std::uint16_t>(kArmed | flags), 0,
+            data, static_cast<RvKQueueEventProtocol*>(this)};
+        kevent(&record);
+    }
+};
+
+TEST(RvKQueueStreamSocketConnect, ADescriptorWhoseModeCannotBeReadIsNotTried) {
+    const struct sockaddr_in address = loopback(1);
+    EXPECT_FALSE(ConnectingSocket(-1).connectTo(asSockaddr(address)));
+}
+
+TEST(RvKQueueStreamSocketConnect, ADescriptorWhoseModeCannotBeSetIsNotTried) {
+    const struct sockaddr_in address = loopback(1);
+    const int pathOnly = open("/dev/null", O_PATH | O_CLOEXEC);
+    ASSERT_NE(-1, fcntl(pathOnly, F_GETFL));
+    EXPECT_FALSE(ConnectingSocket(pathOnly).connectTo(asSockaddr(address)));
+    EXPECT_EQ(0, close(pathOnly));
+}
+
+TEST(RvKQueueStreamSocketConnect, InputIsIgnoredUntilTheConnectionStands) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    ConnectingSocket endpoint(pair[0]);
+    Recorder recorder;
+    endpoint.enableOnData(recorder.block());
+    writeAll(pair[1], "abc");
+    endpoint.report(EVFILT_READ, 3);
+    EXPECT_EQ(0u, recorder.events().size());
+    endpoint.report(EVFILT_WRITE, 4096);
+    endpoint.report(EVFILT_READ, 3);
+    ASSERT_EQ(2u, recorder.events().size());
+    EXPECT_EQ(kEventConnected, recorder.events()[0].code);
+    EXPECT_FALSE(recorder.events()[0].hasDropSize);
+    EXPECT_EQ("abc", recorder.events()[1].bytes);
+}
+
+TEST(RvKQueueStreamSocketConnect, AHangUpIsAFailedConnection) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    ConnectingSocket endpoint(pair[0]);
+    Recorder recorder;
+    endpoint.enableOnData(recorder.block());
+    endpoint.report(EVFILT_WRITE, 4096, EV_EOF);
+    endpoint.report(EVFILT_WRITE, 4096, EV_EOF);
+    ASSERT_EQ(2u, recorder.events().size());
+    for (const RecordedEvent& event : recorder.events()) {
+        EXPECT_EQ(kEventConnectFailed, event.code);
+        EXPECT_FALSE(event.hasBuffer);
+        EXPECT_FALSE(event.hasDropSize);
+        EXPECT_EQ(0u, event.size);
+    }
+}
+
 using RvKQueueStreamSocketCreation = StreamSocketOnIdleLoop;
 using RvKQueueStreamSocketInput = StreamSocketOnIdleLoop;
 using RvKQueueStreamSocketOutput = StreamSocketOnIdleLoop;

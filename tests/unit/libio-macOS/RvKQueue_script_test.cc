@@ -1,5 +1,6 @@
 /// The loop against a kernel queue that the case plays: what it hands over, and what it does with each
 /// record.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
@@ -96,6 +97,35 @@ TEST_F(RvKQueueScript, OnlyOneThreadCallsTheKernel) {
         EXPECT_EQ(calls[0].thread, call.thread);
         EXPECT_NE(std::this_thread::get_id(), call.thread);
     }
+}
+
+// A turn that had taken its changes already may make one more call without the request.
+TEST_F(RvKQueueScript, ARequestOfAnotherThreadTakesEffectInTheNextTurn) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair[0], false);
+    loop->startObject(endpoint, Recorder().block());
+    std::size_t callsBefore = 0;
+    const auto isCarriedInTime = [&](int filter, int flags) {
+        const auto isIt = [&](const struct kevent& change) {
+            return change.udata == endpoint.get() && change.filter == filter && change.flags == flags;
+        };
+        EXPECT_TRUE(scripted_kernel::waitForChange(isIt));
+        const auto calls = scripted_kernel::calls();
+        const auto first = std::find_if(calls.begin(), calls.end(), [&](const KernelCall& call) {
+            return std::any_of(call.changes.begin(), call.changes.end(), isIt);
+        });
+        return first - calls.begin() <= static_cast<std::ptrdiff_t>(callsBefore) + 1;
+    };
+    std::thread([&] {
+        loop->write(endpoint, "x", 1);
+        callsBefore = scripted_kernel::calls().size();
+    }).join();
+    EXPECT_TRUE(isCarriedInTime(EVFILT_WRITE, EV_ADD | EV_ENABLE));
+    std::thread([&] {
+        loop->stopObject(endpoint);
+        callsBefore = scripted_kernel::calls().size();
+    }).join();
+    EXPECT_TRUE(isCarriedInTime(EVFILT_READ, EV_DELETE));
 }
 
 TEST_F(RvKQueueScript, AFailedCallIsNotReportedAndTheLoopGoesOn) {
