@@ -91,7 +91,8 @@ TEST(NanoSyntax, LoadsAndColoursARule) {
     EXPECT_THAT(shown, Not(HasSubstr("Error in")));
     EXPECT_THAT(shown, HasSubstr("\x1b[34m# note"));
     EXPECT_THAT(shown, HasSubstr("\x1b[36mshare"));
-    EXPECT_THAT(shown, HasSubstr("\x1b[32mquick serial "));
+    EXPECT_THAT(shown, HasSubstr("\x1b[32mquick"));
+    EXPECT_THAT(shown, HasSubstr("\x1b[32mserial"));
     EXPECT_THAT(shown, HasSubstr("\x1b[33m\"a # b\""));
     EXPECT_THAT(shown, HasSubstr("\x1b[35m046d:c31c"));
 }
