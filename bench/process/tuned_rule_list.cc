@@ -16,8 +16,7 @@ std::string_view textOf(const json::value& value) {
 void printRule(Output& out, std::uint64_t number, const json::object& rule) {
     const json::value* pid = nullptr;
     const json::value* vid = nullptr;
-    std::string_view name;
-    std::string_view match;
+    std::string_view serial;
     out.number(number);
     out.text(": ");
     for (const auto& [key, value] : rule) {
@@ -33,25 +32,21 @@ void printRule(Output& out, std::uint64_t number, const json::object& rule) {
                 separator = ",";
             }
             out.text("\"");
-        } else if (key == "name") {
-            name = textOf(value);
-        } else if (key == "nameMatch") {
-            match = textOf(value);
+        } else if (key == "serial") {
+            serial = textOf(value);
         } else if (key == "vid") {
             vid = &value;
         } else if (key == "pid") {
             pid = &value;
         }
     }
-    out.text(" name ");
-    out.text(match);
-    out.text(" \"");
-    out.text(name);
-    out.text("\" hwid ");
+    out.text(" hwid ");
     out.hex4(static_cast<std::uint64_t>(vid->get_int64()));
     out.text(":");
     out.hex4(static_cast<std::uint64_t>(pid->get_int64()));
-    out.text("\n");
+    out.text(" serial \"");
+    out.text(serial);
+    out.text("\"\n");
 }
 
 }  // namespace

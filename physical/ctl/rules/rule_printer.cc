@@ -14,17 +14,64 @@ namespace {
 
 constexpr std::string_view kStatusKey = "status";
 
+/// The members of a record by field; null where the record has none.
+using RuleMembers = std::array<const JsonValue*, kRuleFieldCount>;
+
+/// Sorts the members of records by field. A daemon writes all its records in the same order of keys, so what
+/// stood at a place in the last record is what is looked for there first; any order gives the same result.
+class RuleReader {
+  public:
+    RuleMembers read(const JsonObject& record) noexcept {
+        RuleMembers members{};
+        std::size_t place = 0;
+        for (const auto& member : record) {
+            std::uint8_t& field = fields_[std::min(place++, fields_.size() - 1)];
+            const std::string_view key(member.key().data(), member.key().size());
+            if (field >= kRuleFieldCount || kRuleFields[field].key != key) {
+                field = find(key);
+            }
+            if (field < kRuleFieldCount) {
+                members[field] = &member.value();
+            }
+        }
+        return members;
+    }
+
+  private:
+    /// kRuleFieldCount for a key of no field.
+    static std::uint8_t find(std::string_view key) noexcept {
+        std::uint8_t field = 0;
+        while (field < kRuleFieldCount && kRuleFields[field].key != key) {
+            ++field;
+        }
+        return field;
+    }
+
+    std::array<std::uint8_t, kRuleFieldCount + 1>
+        fields_{};  ///< by place; the last is for all further places
+};
+
 /// Writes one record, clause by clause.
 class RulePrinter {
   public:
-    RulePrinter(const JsonObject& record, TextWriter& out) noexcept : record_(record), out_(out) {}
+    RulePrinter(const RuleMembers& record, TextWriter& out) noexcept : record_(record), out_(out) {}
 
+    bool isRule() const noexcept { return string(RuleField::kAction) != nullptr; }
     void print() noexcept;
 
   private:
-    const JsonValue* number(RuleField field) const noexcept { return numberMember(record_, ruleKey(field)); }
-    const JsonValue* string(RuleField field) const noexcept { return stringMember(record_, ruleKey(field)); }
-    const JsonArray* array(RuleField field) const noexcept { return arrayMember(record_, ruleKey(field)); }
+    const JsonValue* member(RuleField field) const noexcept {
+        return record_[static_cast<std::size_t>(field)];
+    }
+    const JsonValue* number(RuleField field) const noexcept {
+        return isNumber(member(field)) ? member(field) : nullptr;
+    }
+    const JsonValue* string(RuleField field) const noexcept {
+        return isString(member(field)) ? member(field) : nullptr;
+    }
+    const JsonArray* array(RuleField field) const noexcept {
+        return member(field) == nullptr ? nullptr : member(field)->if_array();
+    }
     std::string_view mark(RuleField notField) const noexcept { return asBool(number(notField)) ? "!" : ""; }
 
     void printWordIfTrue(RuleField field) noexcept;
@@ -37,7 +84,7 @@ class RulePrinter {
     void printPort() noexcept;
     void hex(std::uint32_t value, std::size_t digits) noexcept;
 
-    const JsonObject& record_;
+    const RuleMembers& record_;
     TextWriter& out_;
 };
 
@@ -165,16 +212,22 @@ void RulePrinter::print() noexcept {
 // RulePrinter.UnusableElementsAreCounted.
 void printRules(const JsonArray& rules, bool numbered, TextWriter& out) noexcept {
     std::uint32_t position = 0;
+    RuleReader reader;
     for (const JsonValue& element : rules) {
         ++position;
         const JsonObject* const record = element.if_object();
-        if (record == nullptr || stringMember(*record, ruleKey(RuleField::kAction)) == nullptr) {
+        if (record == nullptr) {
+            continue;
+        }
+        const RuleMembers members = reader.read(*record);
+        RulePrinter printer(members, out);
+        if (!printer.isRule()) {
             continue;
         }
         if (numbered) {
             out.number(position).text(": ");
         }
-        RulePrinter(*record, out).print();
+        printer.print();
     }
 }
 
