@@ -43,6 +43,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/rvioConfig.cmake ${CMAKE_CURRENT_BINAR
 # prefix than it was configured with.
 set(rv_pc_directory ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH rv_pc_prefix ${rv_pc_directory} ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" rv_pc_prefix "${rv_pc_prefix}")
 cmake_path(APPEND rv_pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
 cmake_path(APPEND rv_pc_includedir "\${prefix}" ${rv_engine_include})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/rvio.pc.in ${CMAKE_CURRENT_BINARY_DIR}/rvio.pc @ONLY)
