@@ -3,6 +3,28 @@
 #include <new>
 #include <utility>
 
+namespace {
+
+std::shared_ptr<EventBlock> makeBlock() noexcept try {
+    return std::make_shared<EventBlock>();
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
+
+}  // namespace
+
+EventBlockSlot::EventBlockSlot() noexcept : spare(makeBlock()) {}
+
+bool EventBlockSlot::isUsable() const noexcept {
+    const LockGuard guard(slotLock);
+    return spare || block;
+}
+
+std::shared_ptr<EventBlock> EventBlockSlot::takeSpare() noexcept {
+    const LockGuard guard(slotLock);
+    return std::move(spare);
+}
+
 // What was stored before is destroyed by the callers of exchange, after the lock is released: its captures
 // may have destructors that come back to the endpoint.
 EventBlockSlot::Pointer EventBlockSlot::exchange(Pointer next) noexcept {
@@ -11,12 +33,13 @@ EventBlockSlot::Pointer EventBlockSlot::exchange(Pointer next) noexcept {
     return next;
 }
 
-EventBlockSlot::Pointer EventBlockSlot::set(EventBlock newBlock) noexcept try {
-    auto next = std::make_shared<const EventBlock>(std::move(newBlock));
+EventBlockSlot::Pointer EventBlockSlot::set(EventBlock newBlock) noexcept {
+    std::shared_ptr<EventBlock> next = takeSpare();
+    if (!next) next = makeBlock();
+    if (!next) return nullptr;
+    *next = std::move(newBlock);
     (void)exchange(next);
     return next;
-} catch (const std::bad_alloc&) {
-    return nullptr;
 }
 
 void EventBlockSlot::clear() noexcept {

@@ -128,6 +128,10 @@ void RvKQueue::stop() noexcept {
 }
 
 // Stops what is registered or retiring. Returns whether there was anything: destructors of what the blocks
+void RvKQueue::waitForEnd() noexcept {
+    ioThread->waitForEnd();
+}
+
 // had captured may have added more. The objects themselves go away after the lock is released.
 bool RvKQueue::stopRemaining() noexcept {
     Registry retired;
@@ -213,6 +217,11 @@ void RvKQueue::addActiveObject(const std::shared_ptr<RvKQueueEventProtocol>& end
 }
 
 void RvKQueue::stopObject(const RvKQueueEventProtocol* endpoint) noexcept {
+bool RvKQueue::isActive(const RvKQueueEventProtocol* endpoint) noexcept {
+    const LockGuard guard(lock);
+    return activeList.count(keyOf(endpoint)) != 0;
+}
+
     const std::uint64_t key = keyOf(endpoint);
     {
         const LockGuard guard(lock);
@@ -278,7 +287,8 @@ void RvKQueue::ioThreadBody(void* loop) noexcept {
 void RvKQueue::ioThreadRoutine() noexcept {
     RV_LOG_DEBUG(logger, "io thread started");
     char* const eventList = events.prepare(kMaxEvents * sizeof(struct kevent));
-    if (eventList == nullptr) {
+    // The two lists of changes swap places each turn: both have their room from the start.
+    if (eventList == nullptr || changes.prepare(kInitialChangeBytes) == nullptr) {
         RV_LOG_ERROR(logger, "cannot initialize event list");
         return;
     }

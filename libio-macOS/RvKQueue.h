@@ -64,6 +64,10 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     /// thread: never from an event block.
     void stop() noexcept;
 
+    /// Returns when the I/O thread has ended: after stop(), or because it found no memory, which is in the
+    /// log. Any thread except the I/O thread.
+    void waitForEnd() noexcept;
+
     /// Queues one change record for the I/O thread's next kevent() call; the record is copied.
     ///
     /// change  udata is the endpoint on whose behalf the change is made. Unless the flags have EV_DELETE the
@@ -142,6 +146,7 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     };
 
     const char* prepare() noexcept;
+    bool isActive(const RvKQueueEventProtocol* endpoint) noexcept;
     bool reserveTimerObjects() noexcept;
     bool listTimer(const std::shared_ptr<RvKQueueTimer>& timer, std::int32_t ident) noexcept
         RV_REQUIRES(timersLock);

@@ -67,12 +67,24 @@ void RvKQueueStreamSocket::enableOnData(EventBlock block) noexcept {
 }
 
 void RvKQueueStreamSocket::kevent(const struct kevent* record) noexcept {
-    if (record->filter == EVFILT_READ && isConnected) {
+    if ((record->flags & EV_ERROR) != 0) {
+        failToArm();
+    } else if (record->filter == EVFILT_READ && isConnected) {
         receive(record->data);
     } else if (record->filter == EVFILT_WRITE && !isConnected) {
         finishConnecting(record->flags);
     } else if (record->filter == EVFILT_WRITE) {
         flush(record->data);
+    }
+}
+
+// Without its filter the endpoint would be silent for ever. The record's data is an error number, not a
+// count.
+void RvKQueueStreamSocket::failToArm() noexcept {
+    if (isConnected) {
+        callEvent(kEventClosed);
+    } else {
+        deliverPlain(eventBlock, this, kEventConnectFailed);
     }
 }
 

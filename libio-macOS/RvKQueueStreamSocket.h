@@ -56,8 +56,8 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
     void initWriteEvent(struct kevent* record, std::uint16_t flags) noexcept;
 
   protected:
-    /// False when a lock could not be created; the endpoint must then not be used.
-    bool isUsable() const noexcept { return tx.isUsable(); }
+    /// False when a lock or the memory for a block could not be had; the endpoint must then not be used.
+    bool isUsable() const noexcept { return tx.isUsable() && eventBlock.isUsable(); }
 
     /// Starts a connection of `sock` and leaves the socket in blocking mode.
     /// Returns true when the connection stands or is pending, false when it cannot be tried.
@@ -70,6 +70,7 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
 
   private:
     void receive(std::int64_t available) noexcept;
+    void failToArm() noexcept;
     void finishConnecting(std::uint16_t flags) noexcept;
     void flush(std::int64_t room) noexcept;
     void disarmWrite() noexcept;

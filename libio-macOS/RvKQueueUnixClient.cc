@@ -15,11 +15,15 @@ std::shared_ptr<RvKQueueUnixClient> RvKQueue::createUnixClient(const char* path)
         endpoint->stop();
         endpoint.reset();
     }
+    if (endpoint) addActiveObject(endpoint);
+    if (endpoint && !isActive(endpoint.get())) {
+        endpoint->stop();  // without being registered it would be silent for ever
+        endpoint.reset();
+    }
     if (!endpoint) {
         RV_LOG_ERROR(logger, "cannot initialize unix socket object");
         return nullptr;
     }
-    addActiveObject(endpoint);
     RV_LOG_DEBUG(logger, "<%p>: unix(%s) created", static_cast<void*>(endpoint.get()), path);
     return endpoint;
 }

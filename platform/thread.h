@@ -36,6 +36,9 @@ class RV_CAPABILITY("role") Thread {
     /// A thread that was never started counts as finished, for there is nothing to wait for.
     bool isFinished() const noexcept;
 
+    /// Returns once isFinished() holds. Any other thread.
+    void waitForEnd() const noexcept;
+
     /// States to the compiler's analysis that the calling thread is this one; does nothing when it runs.
     void assertCurrent() const noexcept RV_ASSERT_CAPABILITY(this) {}
 

@@ -1,7 +1,5 @@
 /// rvusbpctl: one command line, one conversation with the daemon. This is the order of start-up.
 
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +10,7 @@
 #include "cli/exit_status.h"
 #include "cli/options.h"
 #include "cli/preparation.h"
+#include "cli/reply_status.h"
 #include "cli/shared_slots.h"
 #include "cli/standard_descriptors.h"
 #include "libio-macOS/RvKQueue.h"
@@ -48,7 +47,6 @@ int main(int argc, char** argv) {
         failStart("cannot connect to the daemon\n");
     }
     client->start();
-    for (;;) {
-        (void)pause();  // everything else happens on the engine's I/O thread, which ends the process
-    }
+    engine->waitForEnd();  // everything else happens on the engine's I/O thread, which ends the process
+    printStatusAndExit(kExitIo, "");  // unless it had to give up; the log says why
 }

@@ -31,6 +31,7 @@ void* Thread::State::run(void* holder) noexcept {
     if (state->phase.load(std::memory_order_acquire) == Phase::kAbandoned) return nullptr;
     state->body(state->argument);
     state->phase.store(Phase::kFinished, std::memory_order_release);
+    state->phase.notify_all();
     return nullptr;
 }
 
@@ -86,4 +87,8 @@ bool Thread::isCancelled() const noexcept {
 
 bool Thread::isFinished() const noexcept {
     return state->phase.load(std::memory_order_acquire) != Phase::kRunning;
+}
+
+void Thread::waitForEnd() const noexcept {
+    state->phase.wait(Phase::kRunning, std::memory_order_acquire);
 }

@@ -237,10 +237,19 @@ TEST_F(RvKQueueStreamSocketInput, AReadErrorIsEventTwo) {
     // A write-only file in the socket's place: read fails with EBADF.
     const int unreadable = open("/dev/null", O_WRONLY | O_CLOEXEC);
     ASSERT_NE(-1, dup2(unreadable, sock));
-    reportRead(9, EV_ERROR);
+    reportRead(9);
     EXPECT_EQ(1, recorder.count(kEventClosed));
     EXPECT_EQ(0, recorder.count(kEventData));
     EXPECT_EQ(0, close(unreadable));
+}
+
+// The error number is not taken for a number of bytes.
+TEST_F(RvKQueueStreamSocketInput, AFilterThatCannotBeArmedIsEventTwo) {
+    start();
+    writeAll(pair[1], "a message that has more bytes than the error has units");
+    reportRead(ENOMEM, EV_ERROR);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    EXPECT_EQ(0, recorder.count(kEventData));
 }
 
 TEST_F(RvKQueueStreamSocketInput, OtherFiltersAreIgnored) {

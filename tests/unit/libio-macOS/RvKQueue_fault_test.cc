@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "libio-macOS/EventBlockSlot.h"
 #include "libio-macOS/RvKQueue.h"
 #include "libio-macOS/RvKQueueBipipeClient.h"
 #include "libio-macOS/RvKQueueStreamSocket.h"
@@ -415,15 +416,42 @@ TEST_F(RvKQueueEndpointFault, OutputThatFindsNoRoomEndsTheStream) {
     EXPECT_EQ("", readExactly(pair[1], 100));  // no byte goes out beyond the hole
 }
 
-TEST_F(RvKQueueEndpointFault, ABlockThatFindsNoRoomLeavesTheEndpointSilent) {
-    DescriptorPair pair = DescriptorPair::socketPair();
-    const auto endpoint = loop->createStreamSocket(pair[0], false);
-    Recorder recorder;
-    EventBlock block = recorder.block();
+TEST_F(RvKQueueEndpointFault, TheFirstBlockNeedsNoMemory) {
+    EventBlockSlot slot;
+    ASSERT_TRUE(slot.isUsable());
+    const auto block = [](RvKQueueEventProtocol*, const char*, std::uint64_t, std::uint64_t*, std::int32_t) {
+        return true;
+    };
+    EventBlock first = block;
+    EventBlock second = block;
     faults::failHere(Kind::kNew, 1);
-    loop->startObject(endpoint, std::move(block));
+    const EventBlockSlot::Pointer stored = slot.set(std::move(first));
+    EXPECT_FALSE(faults::hasFailed());
+    EXPECT_TRUE(stored);
+    faults::failHere(Kind::kNew, 1);
+    EXPECT_FALSE(slot.set(std::move(second)));
     EXPECT_TRUE(faults::hasFailed());
-    EXPECT_EQ(0u, recorder.events().size());
+    EXPECT_EQ(stored, slot.get());
+}
+
+TEST_F(RvKQueueFactoryFault, AUnixClientThatCannotBeRegisteredIsRefused) {
+    const int descriptors = openDescriptorCount();
+    faults::failHere(Kind::kNew, 3);  // after the endpoint and the memory for its block
+    EXPECT_FALSE(loop->createUnixClient("/nowhere"));
+    EXPECT_TRUE(faults::hasFailed());
+    const auto errors = loggedErrors();
+    ASSERT_EQ(2u, errors.size());
+    EXPECT_TRUE(errors[0].ends_with(">: cannot be added")) << errors[0];
+    EXPECT_EQ("cannot initialize unix socket object", errors[1]);
+    EXPECT_EQ(descriptors, openDescriptorCount());
+}
+
+TEST_F(RvKQueueThreadFault, TheEndOfTheThreadCanBeWaitedFor) {
+    faults::failElsewhere(Kind::kRealloc);
+    loop->start();
+    loop->waitForEnd();
+    EXPECT_EQ(std::vector<std::string>{"cannot initialize event list"}, loggedErrors());
+    loop->stop();
 }
 
 TEST_F(RvKQueueStop, TakesAboutASecond) {
