@@ -127,11 +127,11 @@ void RvKQueue::stop() noexcept {
     kq = -1;
 }
 
-// Stops what is registered or retiring. Returns whether there was anything: destructors of what the blocks
 void RvKQueue::waitForEnd() noexcept {
     ioThread->waitForEnd();
 }
 
+// Stops what is registered or retiring. Returns whether there was anything: destructors of what the blocks
 // had captured may have added more. The objects themselves go away after the lock is released.
 bool RvKQueue::stopRemaining() noexcept {
     Registry retired;
@@ -216,12 +216,12 @@ void RvKQueue::addActiveObject(const std::shared_ptr<RvKQueueEventProtocol>& end
     RV_LOG_ERROR(logger, "<%p>: cannot be added", static_cast<void*>(endpoint.get()));
 }
 
-void RvKQueue::stopObject(const RvKQueueEventProtocol* endpoint) noexcept {
 bool RvKQueue::isActive(const RvKQueueEventProtocol* endpoint) noexcept {
     const LockGuard guard(lock);
     return activeList.count(keyOf(endpoint)) != 0;
 }
 
+void RvKQueue::stopObject(const RvKQueueEventProtocol* endpoint) noexcept {
     const std::uint64_t key = keyOf(endpoint);
     {
         const LockGuard guard(lock);

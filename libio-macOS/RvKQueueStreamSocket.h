@@ -69,8 +69,8 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
     bool closeOnStop;
 
   private:
-    void receive(std::int64_t available) noexcept;
     void failToArm() noexcept;
+    void receive(std::int64_t available) noexcept;
     void finishConnecting(std::uint16_t flags) noexcept;
     void flush(std::int64_t room) noexcept;
     void disarmWrite() noexcept;
