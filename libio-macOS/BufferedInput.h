@@ -8,13 +8,19 @@
 #include "libio-macOS/EventBlockSlot.h"
 #include "libio-macOS/RvKQueueEventProtocol.h"
 
-/// Reads what the kernel has reported as readable to the end of `rx`: one read(2) of `available` bytes.
+/// What a read has come to.
+enum class Received : std::uint8_t {
+    kBytes,   ///< at least one byte came
+    kEnd,     ///< end of input, an error, or no memory; rx is unchanged
+    kNothing  ///< there was nothing to read after all
+};
+
+/// Reads what the kernel has reported as readable to the end of `rx`: one read(2) of `available` bytes. `rx`
+/// is then longer by `available` bytes, those beyond a short read being zero. The I/O thread.
 ///
-/// available  the record's data; a read of 0 bytes or less is the end of input
-/// Returns true when at least one byte came; `rx` is then longer by `available` bytes, those beyond a short
-/// read being zero. Returns false at the end of input, on an error and without memory, `rx` being unchanged.
-/// The I/O thread.
-bool readAvailable(int fd, std::int64_t available, ByteBuffer* rx) noexcept;
+/// available  the record's data. KEVENT_UNCOUNTED stands for as many bytes as a read that does not wait
+///            finds, and `rx` is longer by just these.
+Received readAvailable(int fd, std::int64_t available, ByteBuffer* rx) noexcept;
 
 /// Calls the block, if there is one, with all of `rx`, the code and a dropSize that starts as the length of
 /// `rx`, and then removes as many bytes from the front of `rx` as dropSize says. The I/O thread.

@@ -26,6 +26,9 @@ class ByteBuffer {
     std::size_t size() const noexcept { return length; }
     bool isEmpty() const noexcept { return length == 0; }
 
+    /// How many more bytes there is room for without another allocation.
+    std::size_t spare() const noexcept { return capacity - front - length; }
+
     /// Makes room for `count` bytes behind those held and returns where they begin, not cleared; null without
     /// memory, the buffer being unchanged. The bytes count only once commit is called.
     char* prepare(std::size_t count) noexcept;

@@ -18,6 +18,7 @@ class PendingOutput {
         std::size_t tried;      ///< bytes handed to write(2)
         ssize_t written;        ///< what it returned; -1 also when queued bytes were lost for lack of memory
         std::size_t remaining;  ///< bytes still queued
+        bool isFull = false;    ///< there was no room after all: no event to speak of
     };
 
     /// False when the lock could not be created.
@@ -34,10 +35,13 @@ class PendingOutput {
     /// nothing to write unless `evenIfEmpty`, in which case a write of 0 bytes is made. What was written
     /// leaves the queue. The I/O thread.
     ///
-    /// room  bytes that the kernel has reported to take without blocking; less than 0 counts as 0
+    /// room  bytes that the kernel has reported to take without blocking; less than 0 counts as 0.
+    ///       KEVENT_UNCOUNTED stands for as many as a write that does not wait gets rid of
     Flushed flush(int fd, std::int64_t room, bool evenIfEmpty) noexcept;
 
   private:
+    Flushed flushUncounted(int fd) noexcept RV_REQUIRES(txlock);
+
     mutable RecursiveLock txlock;
     ByteBuffer tx RV_GUARDED_BY(txlock);
     bool lostBytes RV_GUARDED_BY(txlock) = false;

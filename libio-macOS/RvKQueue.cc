@@ -79,6 +79,7 @@ const char* RvKQueue::prepare() noexcept {
     }
     kq = kqueue();
     if (kq == -1) return "cannot initialize kqueue";
+    keventLeaveUncounted(kq);
     ioThread = Thread::create(&ioThreadBody, this);
     if (!ioThread) return "cannot initialize io thread";
     return nullptr;
@@ -380,11 +381,13 @@ int RvKQueue::waitForEvents() noexcept {
 
 // A count of 0 or -1 (time-out, interruption, error) has nothing to dispatch.
 void RvKQueue::dispatch(int count) noexcept {
-    const auto* const records = reinterpret_cast<const struct kevent*>(events.data());
+    auto* const records = reinterpret_cast<struct kevent*>(events.data());
     for (int i = 0; i < count; ++i) {
         // The receipt of a deletion that failed; true events never carry the flag.
         if ((records[i].flags & EV_DELETE) != 0) continue;
         const auto found = snapshot.find(keyOf(records[i].udata));
-        if (found != snapshot.end()) found->second->kevent(&records[i]);
+        if (found == snapshot.end()) continue;
+        RvKQueueEventProtocol& endpoint = *found->second;
+        if (endpoint.takesUncounted() || keventCount(&records[i]) != 0) endpoint.kevent(&records[i]);
     }
 }

@@ -49,7 +49,9 @@ void RvKQueueBipipeClient::enableOnData(EventBlock block) noexcept {
 
 void RvKQueueBipipeClient::kevent(const struct kevent* record) noexcept {
     if (record->filter == EVFILT_READ) {
-        callEvent(readAvailable(infd, record->data, &rx) ? kEventData : kEventClosed);
+        const Received received = readAvailable(infd, record->data, &rx);
+        if (received != Received::kNothing)
+            callEvent(received == Received::kBytes ? kEventData : kEventClosed);
     } else if (record->filter == EVFILT_WRITE) {
         flush(record->data);
     }
@@ -60,7 +62,7 @@ void RvKQueueBipipeClient::kevent(const struct kevent* record) noexcept {
 // RvKQueueBipipeClientOutput.ReadinessWithNothingQueuedReportsClosed.
 void RvKQueueBipipeClient::flush(std::int64_t room) noexcept {
     const PendingOutput::Flushed result = tx.flush(outfd, room, true);
-    if (result.written < 1) callEvent(kEventClosed);
+    if (result.written < 1 && !result.isFull) callEvent(kEventClosed);
     if (result.remaining == 0) disarmWrite();
 }
 

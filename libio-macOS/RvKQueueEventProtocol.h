@@ -54,6 +54,10 @@ class RvKQueueEventProtocol {
     /// Releases the kernel's resources and drops the block. Called by the loop, with its lock held: on the
     /// I/O thread, or by the loop's stop once that thread has ended; and by a factory that gives up.
     virtual void stop() noexcept = 0;
+
+    /// Whether kevent takes records whose bytes were not counted (KEVENT_UNCOUNTED); for all others the loop
+    /// counts them first.
+    virtual bool takesUncounted() const noexcept { return false; }
 };
 
 #endif

@@ -91,7 +91,8 @@ void RvKQueueStreamSocket::failToArm() noexcept {
 // Deliberate: the filter stays armed after the end, which is reported each turn until the owner stops the
 // endpoint. Held by RvKQueueStreamSocketRun.ThePeersCloseIsEventTwoUntilRetired.
 void RvKQueueStreamSocket::receive(std::int64_t available) noexcept {
-    callEvent(readAvailable(sock, available, &rx) ? kEventData : kEventClosed);
+    const Received received = readAvailable(sock, available, &rx);
+    if (received != Received::kNothing) callEvent(received == Received::kBytes ? kEventData : kEventClosed);
 }
 
 // The write filter stays armed: it goes away when it fires next and finds nothing to send.

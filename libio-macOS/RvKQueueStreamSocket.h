@@ -47,6 +47,7 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
     void kevent(const struct kevent* record) noexcept override;
     void write(const void* bytes, std::uint64_t size) noexcept override;
     void stop() noexcept override;
+    bool takesUncounted() const noexcept override { return true; }
 
     /// Buffered delivery of all received bytes with the given event code. The I/O thread.
     void callEvent(std::int32_t event) noexcept;

@@ -110,6 +110,21 @@ int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent*
 #pragma GCC diagnostic pop
 #endif
 
+/// data of an event whose bytes were left uncounted.
+#define KEVENT_UNCOUNTED INT64_MIN
+
+/// Lets a queue leave the bytes of connected stream sockets uncounted where counting takes a system call of
+/// its own: such an event has KEVENT_UNCOUNTED for data. For a caller that tries recv(2) or send(2) with
+/// MSG_DONTWAIT instead, takes what they give for the count and their EAGAIN for an event that was none. It
+/// also vouches for the numbers it has registered: one that it closes has no use for events until it is added
+/// again. Concerns nobody else's queue; a number that is no queue is ignored. Where the system has kqueue
+/// this does nothing. Thread: any, before the first kevent().
+void keventLeaveUncounted(int kq);
+
+/// Counts for an uncounted event what kevent() would have, and leaves every other event as it is. Returns 0
+/// if there is no event any more, else 1.
+int keventCount(struct kevent* event);
+
 #ifdef __cplusplus
 }
 #endif

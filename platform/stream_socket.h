@@ -4,6 +4,9 @@
 #define RV_PLATFORM_STREAM_SOCKET_H
 
 #include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstddef>
 
 /// socket(2) of SOCK_STREAM with protocol 0. Returns a descriptor that the caller owns, or -1 with errno.
 int makeStreamSocket(int family) noexcept;
@@ -21,5 +24,13 @@ int connectStreamSocket(int sock, const struct sockaddr* address, socklen_t leng
 ///
 /// address, length  as in accept(2): the room for the peer's address in, what was filled in out
 int acceptStreamSocket(int sock, struct sockaddr* address, socklen_t* length) noexcept;
+
+/// recv(2) and send(2) that never wait, whatever mode the socket is in. EAGAIN: nothing to read, no room to
+/// write. The end of the connection shows as with read(2) and write(2): 0, or an error and SIGPIPE.
+ssize_t receiveNow(int sock, void* bytes, std::size_t size) noexcept;
+ssize_t sendNow(int sock, const void* bytes, std::size_t size) noexcept;
+
+/// How many bytes a socket has to read; 0 also if that cannot be told.
+std::size_t bytesWaiting(int sock) noexcept;
 
 #endif

@@ -30,6 +30,8 @@ constexpr int64_t kCheckHoldsNs = 100'000;
 constexpr int64_t kRebuildPauseNs = 1'000'000;
 constexpr int64_t kNsPerMs = 1'000'000;
 constexpr uint32_t kSources = 3;
+/// See isVouchedFor.
+constexpr uint8_t kReportsPerCheck = 64;
 
 constexpr unsigned kRead = 1;
 constexpr unsigned kWrite = 2;
@@ -87,10 +89,14 @@ void emit(Collector& c, const Entry& entry, Knote& knote, int16_t filter, const 
     }
 }
 
-Readiness readinessOf(Entry& entry, unsigned filter, uint32_t events) {
+constexpr Readiness kUncounted{true, false, KEVENT_UNCOUNTED};
+
+Readiness readinessOf(const Kqueue& queue, Entry& entry, unsigned filter, uint32_t events) {
     if (entry.alwaysReady) {
         return filter == kRead ? readReadinessOfFile(entry) : writeReadinessOfFile(entry);
     }
+    const uint32_t wanted = filter == kRead ? EPOLLIN : EPOLLOUT;
+    if (queue.uncounted && (events & wanted) != 0 && needsNoCount(entry, events)) return kUncounted;
     return filter == kRead ? readReadiness(entry, events) : writeReadiness(entry, events);
 }
 
@@ -105,9 +111,11 @@ bool deliverFilter(Collector& c, Entry& entry, unsigned filter, uint32_t events)
     Knote& knote = filter == kRead ? entry.read : entry.write;
     if (!knote.enabled || knote.reported == c.queue.call) return true;
     if (c.full()) return false;
-    const Readiness readiness = readinessOf(entry, filter, events);
+    const Readiness readiness = readinessOf(c.queue, entry, filter, events);
     if (!readiness.active || isOldNews(entry, knote, readiness)) return true;
-    if (filter == kRead && entry.checked == c.queue.call) entry.returned = c.queue.call;
+    if (filter == kRead && (c.queue.uncounted || entry.checked == c.queue.call)) {
+        entry.returned = c.queue.call;
+    }
     emit(c, entry, knote, filter == kRead ? EVFILT_READ : EVFILT_WRITE, readiness);
     return true;
 }
@@ -154,6 +162,13 @@ bool isTrusted(const Entry& entry) {
     return entry.countless && entry.read.enabled && !isLevel(entry.read) && !entry.write.present;
 }
 
+/// A number that the caller vouches for is checked now and then, so that one which was closed while a
+/// duplicate lives does not keep the loop busy for ever.
+bool isVouchedFor(const Kqueue& queue, Entry& entry, uint32_t events) {
+    if (!queue.uncounted || !needsNoCount(entry, events)) return false;
+    return ++entry.unchecked < kReportsPerCheck;
+}
+
 void takeReport(Collector& c, const epoll_event& report) {
     if (report.data.u64 == kWakeTag) return;
     const uint32_t generation = static_cast<uint32_t>(report.data.u64 >> 32);
@@ -164,9 +179,12 @@ void takeReport(Collector& c, const epoll_event& report) {
     }
     if (entry->seen == c.queue.call) c.repeated = true;
     if (!entry->read.enabled && !entry->write.enabled) return;  // a hang-up that nobody asked for
-    if (!isTrusted(*entry) && !checkEntry(c.queue, *entry)) {
-        c.stale = true;
-        return;
+    if (!isTrusted(*entry) && !isVouchedFor(c.queue, *entry, report.events)) {
+        entry->unchecked = 0;
+        if (!checkEntry(c.queue, *entry)) {
+            c.stale = true;
+            return;
+        }
     }
     classify(*entry);
     const bool unconnected = wasNeverConnected(*entry, report.events);
@@ -227,6 +245,7 @@ int waitUnlocked(Collector& c, epoll_event* reports, int limit, int64_t ns) {
 bool takeEpoll(Collector& c, int64_t ns) {
     epoll_event reports[kReports];
     c.repeated = false;
+    c.queue.epollSkipped = false;
     while (!c.full()) {
         const int limit = reportsThatFit(c);
         c.raced = false;
@@ -294,9 +313,9 @@ void takePolled(Collector& c) {
 void takeWritable(Collector& c) {
     for (Entry* entry = c.queue.knotes.writable.first; entry != nullptr && !c.full();) {
         Entry* next = entry->writable.next;
-        const bool known = entry->seen == c.queue.call || !c.unread;
+        const bool known = c.queue.uncounted || entry->seen == c.queue.call || !c.unread;
         if (known && entry->write.reported != c.queue.call) {
-            const Readiness room = roomInSocket(*entry);
+            const Readiness room = c.queue.uncounted ? kUncounted : roomInSocket(*entry);
             if (room.active) {
                 emit(c, *entry, entry->write, EVFILT_WRITE, room);
             } else {
@@ -313,6 +332,14 @@ bool hasUserSpaceEvents(Collector& c) {
            knotes.writable.count > 0;
 }
 
+/// A caller that counts by taking needs no word of epoll for WRITE in user space: it meets the end by itself.
+/// Every other call asks, so that sockets that are always written to do not hide those that have input.
+bool skipsEpoll(Collector& c) {
+    if (!c.queue.uncounted || c.queue.knotes.writable.count == 0) return false;
+    c.queue.epollSkipped = !c.queue.epollSkipped;
+    return c.queue.epollSkipped;
+}
+
 /// Collects without waiting. The sources take turns in being the first, so that none keeps a short list for
 /// itself.
 bool takeReady(Collector& c) {
@@ -326,7 +353,7 @@ bool takeReady(Collector& c) {
                 takePolled(c);
                 break;
             default:
-                if (!takeEpoll(c, 0)) return false;
+                if (!skipsEpoll(c) && !takeEpoll(c, 0)) return false;
         }
     }
     takeWritable(c);

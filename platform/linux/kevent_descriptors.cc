@@ -150,7 +150,19 @@ int armInUserSpace(Kqueue& queue, Entry& entry) {
     return answersReport(queue, entry) ? 0 : sync(queue, entry);
 }
 
+/// WRITE in user space was reported by the call before this one and is not wanted any more: there is nothing
+/// to tell epoll, and a caller that vouches for its numbers needs no check.
+bool endsReport(const Kqueue& queue, const Entry& entry, const Knote& knote) {
+    return queue.uncounted && &knote == &entry.write && entry.writable.linked &&
+           knote.reported + 1 == queue.call;
+}
+
 int removeKnote(Kqueue& queue, Entry& entry, Knote& knote) {
+    if (endsReport(queue, entry, knote)) {
+        setWritable(queue.knotes, entry, false);
+        knote = Knote{};
+        return 0;
+    }
     const bool last = !(entry.read.present && entry.write.present);
     if (last) {
         const int result =

@@ -11,6 +11,7 @@
 #include "platform/linux/kevent_collect.h"
 #include "platform/linux/kevent_descriptors.h"
 #include "platform/linux/kevent_queue.h"
+#include "platform/linux/kevent_readiness.h"
 
 namespace {
 
@@ -117,7 +118,30 @@ int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent*
     const int result = finish(*queue, records, eventlist, nevents, timeout);
     // A closed queue has neither events nor changes that fail: if the kernel was not asked about it so far,
     // it is now.
-    if (queue->kernelSeen || isEpoll(queue->fd)) return result;
+    if (queue->kernelSeen || queue->epollSkipped || isEpoll(queue->fd)) return result;
     errno = EBADF;
     return -1;
+}
+
+void keventLeaveUncounted(int kq) {
+    const int error = errno;
+    Kqueue* queue = findQueue(kq);
+    errno = error;
+    if (queue == nullptr) return;
+    const QueueLock guard(*queue);
+    queue->uncounted = true;
+}
+
+int keventCount(struct kevent* event) {
+    if (event->data != KEVENT_UNCOUNTED) return 1;
+    Entry entry{};
+    entry.fd = static_cast<int>(event->ident);
+    classify(entry);
+    const bool reads = event->filter == EVFILT_READ;
+    const uint32_t events = (event->flags & EV_EOF) != 0 ? EPOLLHUP | EPOLLRDHUP : 0;
+    const Readiness readiness =
+        reads ? readReadiness(entry, events | EPOLLIN) : writeReadiness(entry, events | EPOLLOUT);
+    event->data = readiness.data;
+    if (readiness.endOfFile) event->flags |= EV_EOF;
+    return readiness.active ? 1 : 0;
 }

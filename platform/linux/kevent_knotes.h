@@ -60,6 +60,7 @@ struct Entry {
     Link polled;    // in KnoteTable::polled
     Link writable;  // in KnoteTable::writable
     FileKind kind;
+    uint8_t unchecked;  // reports since the number was checked, in a queue whose caller vouches for it
     bool inEpoll;
     bool alwaysReady;  // epoll refuses it (EPERM)
     bool parked;       // a stream socket that was never connected

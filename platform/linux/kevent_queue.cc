@@ -53,6 +53,8 @@ void resetQueue(Kqueue& queue, int fd) {
     queue.fd = fd;
     ++queue.instance;
     queue.pollsChanged = false;
+    queue.uncounted = false;
+    queue.epollSkipped = false;
 }
 
 bool makeQueueLocked(int fd) {

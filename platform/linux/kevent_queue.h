@@ -28,6 +28,8 @@ struct Kqueue {
     uint32_t turn;      // of the sources of events
     bool pollsChanged;  // a timer or a polled entry is new: a waiting thread must look again
     bool kernelSeen;    // in this call epoll accepted the descriptor
+    bool uncounted;     // the caller counts bytes by taking them
+    bool epollSkipped;  // the call before did not ask epoll
     KnoteTable knotes;
     TimerSet timers;
 };

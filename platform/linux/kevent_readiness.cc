@@ -245,6 +245,11 @@ Readiness roomInSocket(const Entry& entry) {
     return {true, false, roomOfTcp(entry.fd, memory, lowat)};
 }
 
+bool needsNoCount(const Entry& entry, uint32_t events) {
+    return entry.connected && (entry.kind == FileKind::kUnixStream || entry.kind == FileKind::kTcp) &&
+           (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) == 0;
+}
+
 Readiness readReadinessOfFile(const Entry& entry) {
     if (entry.kind != FileKind::kRegular) return {true, false, 1};
     struct stat status {};

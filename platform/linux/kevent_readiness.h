@@ -33,6 +33,10 @@ Readiness writeReadiness(Entry& entry, uint32_t events);
 /// does not see that the connection ended: the caller has epoll's word for that.
 Readiness roomInSocket(const Entry& entry);
 
+/// True if a caller that counts bytes by taking them can do so: both filters of a stream socket that was seen
+/// connected, as long as its end is not in sight.
+bool needsNoCount(const Entry& entry, uint32_t events);
+
 /// The filters of a file that epoll refuses.
 Readiness readReadinessOfFile(const Entry& entry);
 Readiness writeReadinessOfFile(const Entry& entry);

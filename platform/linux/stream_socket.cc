@@ -2,6 +2,7 @@
 #include "platform/stream_socket.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -55,4 +56,17 @@ int connectStreamSocket(int sock, const struct sockaddr* address, socklen_t leng
 
 int acceptStreamSocket(int sock, struct sockaddr* address, socklen_t* length) noexcept {
     return accept4(sock, address, length, SOCK_CLOEXEC);
+}
+
+ssize_t receiveNow(int sock, void* bytes, std::size_t size) noexcept {
+    return recv(sock, bytes, size, MSG_DONTWAIT);
+}
+
+ssize_t sendNow(int sock, const void* bytes, std::size_t size) noexcept {
+    return send(sock, bytes, size, MSG_DONTWAIT);
+}
+
+std::size_t bytesWaiting(int sock) noexcept {
+    int count = 0;
+    return ioctl(sock, FIONREAD, &count) == 0 && count > 0 ? static_cast<std::size_t>(count) : 0;
 }
