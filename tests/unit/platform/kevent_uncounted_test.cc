@@ -1,0 +1,191 @@
+/// A queue that leaves bytes uncounted: for which events, and what keventCount makes of them.
+#include <unistd.h>
+
+#include "kevent_support.h"
+
+namespace {
+
+using namespace keventtest;
+
+uint64_t ident(const Fd& fd) {
+    return static_cast<uint64_t>(fd.get());
+}
+
+class KeventUncounted : public testing::TestWithParam<Pair (*)()> {
+  protected:
+    KeventUncounted() { keventLeaveUncounted(queue.fd()); }
+
+    /// The first event of a connection is counted: that is how the queue learns that there is one.
+    void becomeKnown() {
+        ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm, 0, 0, 1)), 0);
+        writeAll(pair.writer.get(), "first");
+        EXPECT_EQ(queue.next().data, 5);
+        EXPECT_EQ(readSome(pair.reader.get()), "first");
+    }
+
+    const Queue queue;
+    Pair pair = GetParam()();
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, KeventUncounted, testing::Values(unixPair, tcpPair),
+                         [](const auto& one) { return one.index == 0 ? "Unix" : "Tcp"; });
+
+TEST_P(KeventUncounted, OtherQueuesCount) {
+    const Queue other;
+    ASSERT_EQ(other.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    for (int i = 1; i <= 3; ++i) {
+        writeAll(pair.writer.get(), "x");
+        waitReadable(pair.reader.get(), i);
+        EXPECT_EQ(other.next().data, i);
+    }
+}
+
+TEST_P(KeventUncounted, ReadIsUncountedOnceTheConnectionIsKnown) {
+    becomeKnown();
+    writeAll(pair.writer.get(), "second");
+    const auto event = queue.next();
+    EXPECT_THAT(event, IsEvent(ident(pair.reader), EVFILT_READ));
+    EXPECT_EQ(event.data, KEVENT_UNCOUNTED);
+    EXPECT_EQ(event.flags, kArm);
+    EXPECT_EQ(event.udata, markAddress(1));
+}
+
+TEST_P(KeventUncounted, CountGivesTheBytesThatWait) {
+    becomeKnown();
+    writeAll(pair.writer.get(), "second");
+    auto event = queue.next();
+    waitReadable(pair.reader.get(), 6);
+    EXPECT_EQ(keventCount(&event), 1);
+    EXPECT_EQ(event.data, 6);
+}
+
+TEST_P(KeventUncounted, CountOfBytesThatAreGoneIsNoEvent) {
+    becomeKnown();
+    writeAll(pair.writer.get(), "second");
+    auto event = queue.next();
+    EXPECT_EQ(readSome(pair.reader.get()), "second");
+    EXPECT_EQ(keventCount(&event), 0);
+}
+
+TEST_P(KeventUncounted, CountLeavesACountedEventAlone) {
+    becomeKnown();
+    auto event = change(ident(pair.reader), EVFILT_READ, kArm, 77);
+    EXPECT_EQ(keventCount(&event), 1);
+    EXPECT_EQ(event.data, 77);
+}
+
+TEST_P(KeventUncounted, TheEndIsCounted) {
+    becomeKnown();
+    writeAll(pair.writer.get(), "rest");
+    waitReadable(pair.reader.get(), 4);
+    pair.writer.reset();
+    auto event = queue.next();
+    while ((event.flags & EV_EOF) == 0) event = queue.next();
+    EXPECT_EQ(event.data, 4);
+    EXPECT_EQ(readSome(pair.reader.get()), "rest");
+    event = queue.next();
+    EXPECT_EQ(event.data, 0);
+    EXPECT_TRUE((event.flags & EV_EOF) != 0);
+}
+
+TEST_P(KeventUncounted, AnAnswerIsUncountedAndEndsWithoutAReceipt) {
+    becomeKnown();
+    for (int i = 0; i < 3; ++i) {
+        const auto arm = change(ident(pair.reader), EVFILT_WRITE, kArm, 0, 0, 1);
+        const auto armed = queue.collect(kLimitMs, 64, {arm});
+        ASSERT_THAT(armed, testing::ElementsAre(IsEvent(ident(pair.reader), EVFILT_WRITE)));
+        EXPECT_EQ(armed[0].data, KEVENT_UNCOUNTED);
+        const auto disarm = change(ident(pair.reader), EVFILT_WRITE, EV_DELETE);
+        EXPECT_THAT(queue.collect(0, 64, {disarm}), testing::IsEmpty());
+        EXPECT_EQ(queue.apply(disarm), ENOENT);
+    }
+}
+
+TEST_P(KeventUncounted, CountOfAWriteIsTheRoom) {
+    becomeKnown();
+    auto event = queue.collect(kLimitMs, 64, {change(ident(pair.reader), EVFILT_WRITE, kArm, 0, 0, 1)}).at(0);
+    EXPECT_EQ(keventCount(&event), 1);
+    EXPECT_GE(event.data, 4096);
+}
+
+TEST_P(KeventUncounted, AWriteThatFoundNoRoomWaitsForIt) {
+    becomeKnown();
+    fill(pair.reader.get());
+    const auto arm = change(ident(pair.reader), EVFILT_WRITE, kArm, 0, 0, 1);
+    EXPECT_THAT(only(queue.collect(kLimitMs, 64, {arm}), EVFILT_WRITE), testing::SizeIs(1));
+    EXPECT_THAT(queue.collect(kSilenceMs), testing::IsEmpty());
+    while (only(queue.collect(), EVFILT_WRITE).empty()) (void)readSome(pair.writer.get());
+}
+
+TEST_P(KeventUncounted, InputIsSeenBetweenAnswersWithoutEnd) {
+    becomeKnown();
+    Pair other = GetParam()();
+    ASSERT_EQ(queue.apply(change(ident(other.reader), EVFILT_READ, kArm, 0, 0, 2)), 0);
+    writeAll(other.writer.get(), "x");
+    waitReadable(other.reader.get(), 1);
+    int calls = 0;
+    bool seen = false;
+    while (!seen && ++calls < 4) {
+        const auto arm = change(ident(pair.reader), EVFILT_WRITE, kArm, 0, 0, 1);
+        for (const auto& event : queue.collect(kLimitMs, 64, {arm})) seen |= event.udata == markAddress(2);
+    }
+    EXPECT_TRUE(seen);
+}
+
+TEST_P(KeventUncounted, ANumberClosedWhileADuplicateLivesFallsSilent) {
+    becomeKnown();
+    const Fd duplicate(dup(pair.reader.get()));
+    pair.reader.reset();
+    writeAll(pair.writer.get(), "x");
+    waitReadable(duplicate.get(), 1);
+    int calls = 0;
+    while (!queue.collect().empty()) ASSERT_LT(++calls, 100);
+    EXPECT_THAT(queue.collect(kSilenceMs), testing::IsEmpty());
+}
+
+TEST_P(KeventUncounted, ANewFileUnderTheNumberStartsWithoutKnotes) {
+    becomeKnown();
+    Pair other = GetParam()();
+    ASSERT_NE(dup2(other.reader.get(), pair.reader.get()), -1);
+    writeAll(other.writer.get(), "x");
+    EXPECT_THAT(queue.collect(kSilenceMs), testing::IsEmpty());
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm, 0, 0, 2)), 0);
+    const auto event = queue.next();
+    EXPECT_EQ(event.udata, markAddress(2));
+    EXPECT_EQ(event.data, 1);
+}
+
+TEST(KeventUncountedQueue, PipesAreCounted) {
+    const Queue queue;
+    const Pair pair = pipePair();
+    keventLeaveUncounted(queue.fd());
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    for (int i = 1; i <= 3; ++i) {
+        writeAll(pair.writer.get(), "x");
+        EXPECT_EQ(queue.next().data, i);
+    }
+}
+
+TEST(KeventUncountedQueue, ANumberThatIsNoQueueIsIgnored) {
+    errno = 0;
+    keventLeaveUncounted(-1);
+    keventLeaveUncounted(0);
+    EXPECT_EQ(errno, 0);
+}
+
+TEST(KeventUncountedQueue, TheNextQueueUnderTheNumberCounts) {
+    Queue queue;
+    keventLeaveUncounted(queue.fd());
+    const int number = queue.fd();
+    queue.close();
+    const Queue next;
+    ASSERT_EQ(next.fd(), number);
+    const Pair pair = unixPair();
+    ASSERT_EQ(next.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    for (int i = 1; i <= 2; ++i) {
+        writeAll(pair.writer.get(), "x");
+        EXPECT_EQ(next.next().data, i);
+    }
+}
+
+}  // namespace
