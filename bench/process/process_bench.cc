@@ -203,6 +203,14 @@ void prefListAgainstTuned(benchmark::State& state) {
     compare(state, preferenceList, {RV_TOOL, "pref", "list"}, {RV_TUNED_PREFERENCES});
 }
 
+void connListAgainstSameJson(benchmark::State& state) {
+    compare(state, connectionList, {RV_TOOL, "conn", "list"}, {RV_TUNED_CONNECTIONS_JSON});
+}
+
+void prefListAgainstSameJson(benchmark::State& state) {
+    compare(state, preferenceList, {RV_TOOL, "pref", "list"}, {RV_TUNED_PREFERENCES_JSON});
+}
+
 void ruleListAgainstTuned(benchmark::State& state) {
     compare(state, ruleList, {RV_TOOL, "rule", "list"}, {RV_TUNED_RULE_LIST});
 }
@@ -249,6 +257,16 @@ BENCHMARK(devListAgainstBare)->Arg(10)->Iterations(500)->UseManualTime()->Unit(b
 BENCHMARK(devListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(connListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(prefListAgainstTuned)->Arg(100000)->Iterations(20)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(connListAgainstSameJson)
+    ->Arg(100000)
+    ->Iterations(20)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(prefListAgainstSameJson)
+    ->Arg(100000)
+    ->Iterations(20)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(ruleListAgainstTuned)->Arg(1000000)->Iterations(5)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(ruleLoadAgainstTuned)
     ->RangeMultiplier(10)

@@ -1,17 +1,9 @@
 // The rule list as a program made for nothing else, with the same JSON library. It checks nothing.
-#include <boost/json/monotonic_resource.hpp>
-#include <boost/json/parse.hpp>
-#include <cstdint>
-
-#include "bench/process/tuned.h"
+#include "bench/process/tuned_json.h"
 
 namespace {
 
 namespace json = boost::json;
-
-std::string_view textOf(const json::value& value) {
-    return {value.get_string().data(), value.get_string().size()};
-}
 
 void printRule(Output& out, std::uint64_t number, const json::object& rule) {
     const json::value* pid = nullptr;
@@ -55,11 +47,9 @@ int main() {
     const int sock = connectToDaemon();
     (void)request(sock, 6);
     const Reply reply = request(sock, 7);
-    json::monotonic_resource arena(reply.size * 4);
-    const json::value value = json::parse({reply.bytes, reply.size}, &arena);
     static Output out;
     std::uint64_t number = 0;
-    for (const json::value& rule : value.get_object().at("rules").get_array()) {
+    for (const json::value& rule : parseReply(reply).at("rules").get_array()) {
         printRule(out, ++number, rule.get_object());
     }
 }

@@ -1,21 +1,17 @@
 #include "reports/connection_report.h"
 
+#include <array>
 #include <string_view>
 
+#include "ipc/member_sorter.h"
 #include "output/text_writer.h"
-#include "reports/member_reader.h"
 #include "reports/path_component.h"
 
 namespace {
 
 constexpr std::size_t kTabStop = 8;
 
-struct Columns {
-    MemberReader app{"app"};
-    MemberReader appPID{"appPID"};
-    MemberReader addr{"addr"};
-    MemberReader port{"port"};
-};
+constexpr std::array<std::string_view, 4> kKeys = {"app", "appPID", "addr", "port"};
 
 /// "<kind>\t<shown>\t[\t]<number>\n": one more tab when `measured` is shorter than a tab stop.
 void writeRow(TextWriter& out, std::string_view kind, std::string_view shown, std::string_view measured,
@@ -24,9 +20,8 @@ void writeRow(TextWriter& out, std::string_view kind, std::string_view shown, st
     out.number(number).text("\n");
 }
 
-void writeConnection(TextWriter& out, Columns& columns, const JsonObject& row) noexcept {
-    const JsonValue* app = columns.app.of(row);
-    const JsonValue* appPID = columns.appPID.of(row);
+void writeConnection(TextWriter& out, const MemberSorter<kKeys.size()>::Members& row) noexcept {
+    const auto [app, appPID, addr, port] = row;
     if (app != nullptr && appPID != nullptr) {
         if (isString(app) && isNumber(appPID)) {
             // Deliberate: the row shows the last path component and measures the whole path, so a short name
@@ -35,8 +30,6 @@ void writeConnection(TextWriter& out, Columns& columns, const JsonObject& row) n
         }
         return;
     }
-    const JsonValue* addr = columns.addr.of(row);
-    const JsonValue* port = columns.port.of(row);
     if (isString(addr) && isNumber(port)) {
         writeRow(out, "net", asText(addr), asText(addr), asUint16(port));
     }
@@ -51,10 +44,10 @@ void outputConnectionList(const JsonObject& reply, std::FILE* stream) noexcept {
     }
     TextWriter out(stream);
     out.text("Type\tIP/Name\t\tPort/PID\n");
-    Columns columns;
+    MemberSorter sorter(kKeys);
     for (const JsonValue& element : *connections) {
         if (const JsonObject* row = element.if_object()) {
-            writeConnection(out, columns, *row);
+            writeConnection(out, sorter.sort(*row));
         }
     }
 }

@@ -1,34 +1,22 @@
 #include "reports/device_report.h"
 
 #include <algorithm>
+#include <array>
 #include <string_view>
 
+#include "ipc/member_sorter.h"
 #include "output/text_writer.h"
 #include "reports/application.h"
-#include "reports/member_reader.h"
 
 namespace {
 
 constexpr std::size_t kTabStop = 8;
 constexpr std::size_t kWidePort = 16;  // from this width on the header needs tabs of its own
 
-/// Where the members of a device are looked up, kept from row to row.
-struct Columns {
-    MemberReader id{"id"};
-    MemberReader vid{"vid"};
-    MemberReader pid{"pid"};
-    MemberReader rev{"rev"};
-    MemberReader port{"port"};
-    MemberReader builtIn{"built-in"};
-    MemberReader name{"name"};
-    MemberReader state{"state"};
-    MemberReader serial{"serial"};
-    MemberReader addr{"addr"};
-    MemberReader app{"app"};
-    MemberReader appPID{"appPID"};
-};
+constexpr std::array<std::string_view, 12> kKeys = {"id",   "vid",   "pid",    "rev",  "port", "built-in",
+                                                    "name", "state", "serial", "addr", "app",  "appPID"};
 
-/// One device; optional members are null when they are absent.
+/// One device, its members in the order of kKeys; those that are absent are null.
 struct Device {
     const JsonValue* id;
     const JsonValue* vid;
@@ -44,10 +32,9 @@ struct Device {
     const JsonValue* appPID;
 };
 
-Device readDevice(Columns& columns, const JsonObject& row) noexcept {
-    return {columns.id.of(row),     columns.vid.of(row),     columns.pid.of(row),  columns.rev.of(row),
-            columns.port.of(row),   columns.builtIn.of(row), columns.name.of(row), columns.state.of(row),
-            columns.serial.of(row), columns.addr.of(row),    columns.app.of(row),  columns.appPID.of(row)};
+Device readDevice(MemberSorter<kKeys.size()>& sorter, const JsonObject& row) noexcept {
+    const auto [id, vid, pid, rev, port, builtIn, name, state, serial, addr, app, appPID] = sorter.sort(row);
+    return {id, vid, pid, rev, port, builtIn, name, state, serial, addr, app, appPID};
 }
 
 bool isWhole(const Device& device) noexcept {
@@ -62,11 +49,10 @@ bool isWhole(const Device& device) noexcept {
 
 /// The longest port in bytes, of all elements: whether one will be printed makes no difference.
 std::size_t widestPort(const JsonArray& devices) noexcept {
-    MemberReader port{"port"};
     std::size_t widest = 0;
     for (const JsonValue& element : devices) {
         if (const JsonObject* row = element.if_object()) {
-            widest = std::max(widest, asText(port.of(*row)).size());
+            widest = std::max(widest, asText(member(*row, "port")).size());
         }
     }
     return widest;
@@ -113,13 +99,13 @@ void outputDeviceList(const JsonObject& reply, std::FILE* stream) noexcept {
     const std::size_t widest = widestPort(*devices);
     TextWriter out(stream);
     writeHeader(out, widest);
-    Columns columns;
+    MemberSorter sorter(kKeys);
     for (const JsonValue& element : *devices) {
         const JsonObject* row = element.if_object();
         if (row == nullptr) {
             continue;
         }
-        const Device device = readDevice(columns, *row);
+        const Device device = readDevice(sorter, *row);
         if (isWhole(device)) {
             writeIdentity(out, device, widest);
             writeStatus(out, device);

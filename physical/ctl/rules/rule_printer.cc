@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "cli/exit_status.h"
+#include "ipc/member_sorter.h"
 #include "output/text_writer.h"
 #include "rules/rule_record.h"
 
@@ -14,47 +15,19 @@ namespace {
 
 constexpr std::string_view kStatusKey = "status";
 
-/// The members of a record by field; null where the record has none.
-using RuleMembers = std::array<const JsonValue*, kRuleFieldCount>;
+using RuleSorter = MemberSorter<kRuleFieldCount>;
 
-/// Sorts the members of records by field. A daemon writes all its records in the same order of keys, so what
-/// stood at a place in the last record is what is looked for there first; any order gives the same result.
-class RuleReader {
-  public:
-    RuleMembers read(const JsonObject& record) noexcept {
-        RuleMembers members{};
-        std::size_t place = 0;
-        for (const auto& member : record) {
-            std::uint8_t& field = fields_[std::min(place++, fields_.size() - 1)];
-            const std::string_view key(member.key().data(), member.key().size());
-            if (field >= kRuleFieldCount || kRuleFields[field].key != key) {
-                field = find(key);
-            }
-            if (field < kRuleFieldCount) {
-                members[field] = &member.value();
-            }
-        }
-        return members;
-    }
-
-  private:
-    /// kRuleFieldCount for a key of no field.
-    static std::uint8_t find(std::string_view key) noexcept {
-        std::uint8_t field = 0;
-        while (field < kRuleFieldCount && kRuleFields[field].key != key) {
-            ++field;
-        }
-        return field;
-    }
-
-    std::array<std::uint8_t, kRuleFieldCount + 1>
-        fields_{};  ///< by place; the last is for all further places
-};
+constexpr std::array<std::string_view, kRuleFieldCount> kKeys = [] {
+    std::array<std::string_view, kRuleFieldCount> keys;
+    std::transform(kRuleFields.begin(), kRuleFields.end(), keys.begin(),
+                   [](const RuleFieldForm& field) { return field.key; });
+    return keys;
+}();
 
 /// Writes one record, clause by clause.
 class RulePrinter {
   public:
-    RulePrinter(const RuleMembers& record, TextWriter& out) noexcept : record_(record), out_(out) {}
+    RulePrinter(const RuleSorter::Members& record, TextWriter& out) noexcept : record_(record), out_(out) {}
 
     bool isRule() const noexcept { return string(RuleField::kAction) != nullptr; }
     void print() noexcept;
@@ -84,7 +57,7 @@ class RulePrinter {
     void printPort() noexcept;
     void hex(std::uint32_t value, std::size_t digits) noexcept;
 
-    const RuleMembers& record_;
+    const RuleSorter::Members& record_;
     TextWriter& out_;
 };
 
@@ -212,14 +185,14 @@ void RulePrinter::print() noexcept {
 // RulePrinter.UnusableElementsAreCounted.
 void printRules(const JsonArray& rules, bool numbered, TextWriter& out) noexcept {
     std::uint32_t position = 0;
-    RuleReader reader;
+    RuleSorter sorter(kKeys);
     for (const JsonValue& element : rules) {
         ++position;
         const JsonObject* const record = element.if_object();
         if (record == nullptr) {
             continue;
         }
-        const RuleMembers members = reader.read(*record);
+        const RuleSorter::Members members = sorter.sort(*record);
         RulePrinter printer(members, out);
         if (!printer.isRule()) {
             continue;
