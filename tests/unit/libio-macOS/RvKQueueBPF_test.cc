@@ -23,6 +23,7 @@ namespace {
 bool refusesPacketSockets = false;
 }
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's --wrap fixes these names
 extern "C" {
 
 int __real_bind(int sock, const struct sockaddr* address, socklen_t length);
@@ -35,6 +36,7 @@ int __wrap_bind(int sock, const struct sockaddr* address, socklen_t length) {
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

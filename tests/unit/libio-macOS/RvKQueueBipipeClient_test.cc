@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "platform/kevent.h"
 #include "unit/libio-macOS/support/engine_fixture.h"
 
@@ -20,7 +22,9 @@ class BipipeOnIdleLoop : public IdleLoopTest {
     }
     void TearDown() override { endpoint->stop(); }
 
-    void start(Recorder::Reaction reaction = {}) { loop->startObject(endpoint, recorder.block(reaction)); }
+    void start(Recorder::Reaction reaction = {}) {
+        loop->startObject(endpoint, recorder.block(std::move(reaction)));
+    }
     void report(int filter, std::int64_t data) {
         const struct kevent record = {0, static_cast<std::int16_t>(filter), kArmed, 0, data, endpoint.get()};
         endpoint->kevent(&record);

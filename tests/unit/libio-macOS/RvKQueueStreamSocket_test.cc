@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "platform/kevent.h"
 #include "unit/libio-macOS/support/engine_fixture.h"
 
@@ -23,7 +25,9 @@ class StreamSocketOnIdleLoop : public IdleLoopTest {
     }
     void TearDown() override { endpoint->stop(); }
 
-    void start(Recorder::Reaction reaction = {}) { loop->startObject(endpoint, recorder.block(reaction)); }
+    void start(Recorder::Reaction reaction = {}) {
+        loop->startObject(endpoint, recorder.block(std::move(reaction)));
+    }
     void reportRead(std::int64_t data, int flags = 0) { report(EVFILT_READ, data, flags); }
     void reportWrite(std::int64_t data, int flags = 0) { report(EVFILT_WRITE, data, flags); }
 

@@ -39,6 +39,7 @@ TEST(OsLogSyslog, ADebugLineIsADebugLine) {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's --wrap fixes these names
 extern "C" {
 
 void __wrap_syslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -61,3 +62,4 @@ void __wrap___syslog_chk(int priority, int, const char* format, ...) {
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)

@@ -89,6 +89,7 @@ void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's --wrap fixes these names
 extern "C" {
 
 void* __real_realloc(void* memory, std::size_t size);
@@ -146,3 +147,4 @@ int __wrap_nanosleep(const struct timespec* wanted, struct timespec* left) {
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)

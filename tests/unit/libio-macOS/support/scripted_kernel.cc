@@ -39,6 +39,7 @@ bool isWakeupRegistration(const KernelCall& call) {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's --wrap fixes these names
 extern "C" {
 
 int __wrap_kqueue();
@@ -74,6 +75,7 @@ int __wrap_kevent(int, const struct kevent* changelist, int nchanges, struct kev
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
 
 void scripted_kernel::reset() {
     Kernel& k = kernel();
