@@ -9,8 +9,12 @@ namespace {
 
 constexpr std::size_t kLeastCapacity = 512;
 
-// Storage is given back when less than one part in this many is in use.
+// Storage is sparse when less than one part in this many is in use.
 constexpr std::size_t kSparseFactor = 8;
+// It is given back after this many drops that found it sparse, at once if there is more than this of it:
+// memory that comes and goes with each burst costs more than the burst.
+constexpr unsigned kSparseDrops = 64;
+constexpr std::size_t kLargeBytes = 4 << 20;
 
 }  // namespace
 
@@ -35,11 +39,14 @@ bool ByteBuffer::append(const void* bytes, std::size_t count) noexcept {
 }
 
 void ByteBuffer::drop(std::size_t count) noexcept {
+    const bool isSparse = capacity > kKeptBytes && length < capacity / kSparseFactor;
     count = std::min(count, length);
     front += count;
     length -= count;
     if (length == 0) front = 0;
-    if (capacity > kKeptBytes && length < capacity / kSparseFactor) giveBack();
+    sparseDrops = isSparse ? sparseDrops + 1 : 0;
+    const bool isLarge = capacity > kLargeBytes && length < capacity / kSparseFactor;
+    if (isLarge || sparseDrops >= kSparseDrops) giveBack();
 }
 
 void ByteBuffer::clear() noexcept {
@@ -52,6 +59,7 @@ void ByteBuffer::swap(ByteBuffer& other) noexcept {
     std::swap(front, other.front);
     std::swap(length, other.length);
     std::swap(capacity, other.capacity);
+    std::swap(sparseDrops, other.sparseDrops);
 }
 
 bool ByteBuffer::makeRoom(std::size_t needed) noexcept {
@@ -83,6 +91,7 @@ void ByteBuffer::moveToFront() noexcept {
 }
 
 void ByteBuffer::giveBack() noexcept {
+    sparseDrops = 0;
     if (length == 0) {
         std::free(storage);
         storage = nullptr;

@@ -9,7 +9,7 @@
 #include <cstdint>
 
 /// Growth is geometric and consumption moves an offset, so that neither is quadratic in the backlog. Storage
-/// beyond kKeptBytes is given back when it has become mostly empty. Used by one thread at a time.
+/// beyond kKeptBytes is given back when it has been mostly empty for a while. Used by one thread at a time.
 class ByteBuffer {
   public:
     /// Storage up to this size is kept for the next bytes when a buffer runs empty.
@@ -55,6 +55,7 @@ class ByteBuffer {
     std::size_t front = 0;    ///< where the held bytes begin
     std::size_t length = 0;   ///< how many there are
     std::size_t capacity = 0;
+    unsigned sparseDrops = 0;  ///< in a row that found little in much storage
     char nothing = 0;  ///< what data() shows of a buffer without storage
 };
 

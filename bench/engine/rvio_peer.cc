@@ -37,7 +37,7 @@ void stopBeside(std::shared_ptr<RvKQueue> loop) {
 
 /// The engine does not tell when output has left, so a receiver confirms what has come and the sender stays
 /// this far ahead of it at most.
-constexpr std::size_t kAheadBytes = 1 << 20;
+constexpr std::size_t kAheadBytes = 512 << 10;
 
 class RvioLoop : public Loop {
   public:

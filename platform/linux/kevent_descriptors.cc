@@ -106,6 +106,7 @@ int syncFile(Kqueue& queue, Entry& entry) {
 int sync(Kqueue& queue, Entry& entry) {
     if (entry.alwaysReady) return syncFile(queue, entry);
     const bool same = maskFor(entry) == entry.mask && (entry.mask & (EPOLLET | EPOLLONESHOT)) == 0;
+    if (same && entry.checked == queue.call) return 0;  // by another change in the same list
     return same ? probe(queue, entry) : modify(queue, entry);
 }
 
