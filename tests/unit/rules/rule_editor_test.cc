@@ -285,8 +285,8 @@ TEST_F(EditorTerminal, InterruptAndQuitAreForTheEditor) {
 }
 
 TEST_F(EditorTerminal, InterruptKillsAnEditorThatDoesNotHandleIt) {
-    addEditor("sleeps", "echo ready; exec sleep 1000");
-    cli::Process process(sessionWith("run", "sleeps"));
+    addEditor("waits", "echo ready; exec cat");
+    cli::Process process(sessionWith("run", "waits"));
     ASSERT_TRUE(process.waitForTerminal("ready"));
     process.type("\x03");
     ASSERT_TRUE(process.waitForTerminal(kRetry));
