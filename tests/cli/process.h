@@ -70,6 +70,8 @@ class Process {
     void closeOut();
     void kill(int signal);
     bool isRunning();
+    /// -1 once it has been seen to have ended.
+    pid_t pid() const { return pid_; }
 
     /// Waits for the end of the program.
     Result wait();
