@@ -177,6 +177,7 @@ TEST_F(RvKQueueUnixServerAccept, ARefusedConnectionIsShutDownAndClosed) {
 TEST_F(RvKQueueUnixServerAccept, ABacklogIsDrainedOneConnectionAnEvent) {
     const auto server = loop->createUnixServer(path.c_str(), 0600);
     std::vector<int> clients;
+    clients.reserve(40);
     for (int i = 0; i < 40; ++i) clients.push_back(connectTo(path));
     loop->startObject(server, recorder.block());
     ASSERT_TRUE(recorder.waitFor(kEventData, 40));

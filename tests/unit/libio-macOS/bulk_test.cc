@@ -167,7 +167,7 @@ TEST_F(Bulk, AThousandConnectionsAreEchoed) {
     std::vector<std::string> messages;
     for (int i = 0; i < kConnections; ++i) {
         Recorder& recorder = recorders[static_cast<std::size_t>(i)];
-        messages.push_back(patternBytes(static_cast<std::size_t>(1 + i * 7), static_cast<unsigned>(i)));
+        messages.push_back(patternBytes(1 + static_cast<std::size_t>(i) * 7, static_cast<unsigned>(i)));
         // A full backlog refuses; then the server first has to catch up.
         for (bool isRefused = true; isRefused;) {
             Recorder attempt;

@@ -21,6 +21,7 @@ class LifecycleStress : public EngineTest {
     template <class Work>
     static void onManyThreads(const Work& work) {
         std::vector<std::thread> threads;
+        threads.reserve(kThreads);
         for (int i = 0; i < kThreads; ++i) threads.emplace_back([&work, i] { work(i); });
         for (std::thread& thread : threads) thread.join();
     }
@@ -66,7 +67,7 @@ TEST_F(LifecycleStress, AnEndpointIsStoppedWhileOthersWriteToIt) {
             if (number == kThreads / 2) loop->stopObject(endpoint);
         });
         // Whatever went out before the end is whole in its order.
-        const std::string sent = readExactly(pair[1], 10 * 20 * kThreads);
+        const std::string sent = readExactly(pair[1], std::size_t{10} * 20 * kThreads);
         for (std::size_t i = 0; i < sent.size(); ++i) ASSERT_EQ('0' + static_cast<char>(i % 10), sent[i]);
     }
 }
