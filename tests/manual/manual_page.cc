@@ -41,18 +41,18 @@ std::vector<std::string> pages() {
     return paths;
 }
 
-std::string text(std::string_view name) {
+std::string text(std::string_view name, int columns) {
     const std::string path = std::string(RV_MANUAL_DIR "/").append(name);
-    const cli::Result result =
-        run(demo_session::shell("mandoc -Tutf8 -O width=1000 " + demo_session::quoted(path)));
+    const cli::Result result = run(demo_session::shell("mandoc -Tutf8 -O width=" + std::to_string(columns) +
+                                                       " " + demo_session::quoted(path)));
     EXPECT_EQ(0, result.status) << result.err;
     return withoutOverstrikes(result.out);
 }
 
-std::vector<std::string> section(std::string_view name, std::string_view heading) {
+std::vector<std::string> section(std::string_view name, std::string_view heading, int columns) {
     std::vector<std::string> lines;
     bool inside = false;
-    for (const std::string& line : demo_session::linesOf(text(name))) {
+    for (const std::string& line : demo_session::linesOf(text(name, columns))) {
         if (!line.empty() && line[0] != ' ') {
             inside = line == heading;
         } else if (inside) {
@@ -64,10 +64,16 @@ std::vector<std::string> section(std::string_view name, std::string_view heading
 
 std::vector<std::string> exampleCommands(std::string_view name) {
     std::vector<std::string> commands;
-    for (const std::string& line : section(name, "EXAMPLES")) {
+    std::size_t indentation = std::string::npos;  // of the command that goes on, if any
+    for (const std::string& line : section(name, "EXAMPLES", kTerminalColumns)) {
         const std::size_t start = line.find_first_not_of(' ');
         if (start != std::string::npos && line.compare(start, 2, "$ ") == 0) {
             commands.push_back(line.substr(start + 2));
+            indentation = start;
+        } else if (start != std::string::npos && indentation != std::string::npos && start > indentation) {
+            commands.back() += "\n" + line.substr(start);
+        } else {
+            indentation = std::string::npos;
         }
     }
     return commands;
