@@ -25,7 +25,7 @@ rv_install_library(rvcapture platform/packet_capture.h)
 rv_install_library(rvplatform
   platform/lock.h platform/oslog.h platform/peer_credentials.h platform/thread.h platform/wakeup.h)
 rv_install_library(rvio
-  libio-macOS/AcceptedConnection.h libio-macOS/ByteBuffer.h libio-macOS/EventBlockSlot.h
+  libio-macOS/AcceptedConnection.h libio-macOS/ByteBuffer.h libio-macOS/EndpointTable.h libio-macOS/EventBlockSlot.h
   libio-macOS/PendingOutput.h libio-macOS/RvKQueue.h libio-macOS/RvKQueueBPF.h
   libio-macOS/RvKQueueBipipeClient.h libio-macOS/RvKQueueEventProtocol.h libio-macOS/RvKQueueStreamSocket.h
   libio-macOS/RvKQueueTCPClient.h libio-macOS/RvKQueueTCPServer.h libio-macOS/RvKQueueTimer.h

@@ -14,7 +14,7 @@ namespace {
 // A read that is not told how much there is asks for this much at least, or for all the room there is.
 constexpr std::size_t kLeastReadBytes = 2048;
 // A read that filled this much leaves the rest to the next turn.
-constexpr std::size_t kLargeReadBytes = 65536;
+constexpr std::size_t kLargeReadBytes = 131072;
 
 Received readUncounted(int fd, ByteBuffer* rx) noexcept {
     const std::size_t room = std::max(rx->spare(), kLeastReadBytes);

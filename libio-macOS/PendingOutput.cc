@@ -8,34 +8,54 @@
 #include "platform/kevent.h"
 #include "platform/stream_socket.h"
 
+namespace {
+
+// To copy more than this costs more than a write of its own.
+constexpr std::size_t kLargeWriteBytes = 65536;
+
+}  // namespace
+
 void PendingOutput::append(const void* bytes, std::uint64_t size) noexcept {
     const LockGuard guard(txlock);
     if (!tx.append(bytes, size)) lostBytes = true;
 }
 
 bool PendingOutput::isEmpty() const noexcept {
+    return remaining() == 0;
+}
+
+std::size_t PendingOutput::remaining() const noexcept {
     const LockGuard guard(txlock);
-    return tx.isEmpty();
+    return sending.size() + tx.size();
+}
+
+// Has `sending` hold what goes out next: `wanted` bytes if there are so many and they are cheaply had.
+// Returns false if bytes were lost.
+bool PendingOutput::takeQueued(std::size_t wanted) noexcept {
+    const LockGuard guard(txlock);
+    if (lostBytes) return false;
+    if (sending.isEmpty()) {
+        sending.swap(tx);
+    } else if (sending.size() < wanted && tx.size() <= kLargeWriteBytes &&
+               sending.append(tx.data(), tx.size())) {
+        tx.drop(tx.size());
+    }
+    return true;
 }
 
 PendingOutput::Flushed PendingOutput::flush(int fd, std::int64_t room, bool evenIfEmpty) noexcept {
-    const LockGuard guard(txlock);
-    const std::size_t atLeastOne = std::max<std::size_t>(tx.size(), 1);
-    if (lostBytes) return {atLeastOne, -1, atLeastOne, false};
-    if (room == KEVENT_UNCOUNTED && !tx.isEmpty()) return flushUncounted(fd);
-    const auto limit = static_cast<std::size_t>(std::max<std::int64_t>(room, 0));
-    Flushed result = {std::min(tx.size(), limit), 0, tx.size(), false};
-    if (result.tried == 0 && !evenIfEmpty) return result;
-    result.written = ::write(fd, tx.data(), result.tried);
-    if (result.written >= 1) tx.drop(static_cast<std::size_t>(result.written));
-    result.remaining = tx.size();
-    return result;
-}
-
-PendingOutput::Flushed PendingOutput::flushUncounted(int fd) noexcept {
-    const std::size_t size = tx.size();
-    const ssize_t written = sendNow(fd, tx.data(), size);
-    if (written == -1 && (errno == EAGAIN || errno == EINTR)) return {0, 0, size, true};
-    if (written >= 1) tx.drop(static_cast<std::size_t>(written));
-    return {size, written, tx.size(), false};
+    const bool isUncounted = room == KEVENT_UNCOUNTED;
+    const std::size_t limit =
+        isUncounted ? SIZE_MAX : static_cast<std::size_t>(std::max<std::int64_t>(room, 0));
+    if (!takeQueued(limit)) {
+        const std::size_t left = std::max<std::size_t>(remaining(), 1);
+        return {left, -1, left};
+    }
+    const std::size_t size = std::min(sending.size(), limit);
+    if (size == 0 && !evenIfEmpty) return {0, 0, remaining()};
+    const bool waits = !isUncounted || size == 0;
+    const ssize_t written = waits ? ::write(fd, sending.data(), size) : sendNow(fd, sending.data(), size);
+    if (!waits && written == -1 && (errno == EAGAIN || errno == EINTR)) return {0, 0, remaining(), true};
+    if (written >= 1) sending.drop(static_cast<std::size_t>(written));
+    return {size, written, remaining()};
 }

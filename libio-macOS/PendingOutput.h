@@ -10,7 +10,8 @@
 #include "libio-macOS/ByteBuffer.h"
 #include "platform/lock.h"
 
-/// The send queue of an endpoint with the lock that guards it. No other lock is taken while it is held.
+/// The send queue of an endpoint with the lock that guards it. No other lock is taken while it is held, and
+/// it is not held during a write: the reader that a write wakes is often the thread that queues next.
 class PendingOutput {
   public:
     /// What one flush did.
@@ -28,7 +29,7 @@ class PendingOutput {
     /// stream has a hole and must not go on. Any thread.
     void append(const void* bytes, std::uint64_t size) noexcept;
 
-    /// Whether nothing is queued. Any thread.
+    /// Whether nothing is queued. The I/O thread.
     bool isEmpty() const noexcept;
 
     /// Writes queued bytes to the descriptor: one write(2) of at most `room` bytes, and none if there is
@@ -40,10 +41,12 @@ class PendingOutput {
     Flushed flush(int fd, std::int64_t room, bool evenIfEmpty) noexcept;
 
   private:
-    Flushed flushUncounted(int fd) noexcept RV_REQUIRES(txlock);
+    bool takeQueued(std::size_t wanted) noexcept;
+    std::size_t remaining() const noexcept;
 
     mutable RecursiveLock txlock;
     ByteBuffer tx RV_GUARDED_BY(txlock);
+    ByteBuffer sending;  ///< goes out before tx; the I/O thread's alone
     bool lostBytes RV_GUARDED_BY(txlock) = false;
 };
 

@@ -10,6 +10,8 @@
 #include <exception>
 #include <thread>
 
+#include "libio-macOS/RvKQueueTimer.h"
+
 namespace {
 
 constexpr long kTurnTimeoutNs = 5'000'000;
@@ -19,10 +21,6 @@ constexpr std::size_t kInitialStopObjects = 100;
 constexpr std::size_t kInitialObjects = 16;
 constexpr std::size_t kAddressTextBytes = 100;
 constexpr std::chrono::seconds kStopPoll{1};
-
-std::uint64_t keyOf(const void* object) noexcept {
-    return reinterpret_cast<std::uintptr_t>(object);
-}
 
 // Where an address has its port and its bytes; empty for a family without them.
 struct InetParts {
@@ -68,14 +66,14 @@ const char* RvKQueue::prepare() noexcept {
     {
         const LockGuard guard(timersLock);
         if (!timerIdents.reserve()) return "cannot initialize timer id dict";
-        if (!reserveTimerObjects()) return "cannot initialize timer obj dict";
+        if (!timerObjects.reserve(kInitialObjects)) return "cannot initialize timer obj dict";
     }
     if (!lock.isUsable()) return "cannot initialize lock";
     {
         const LockGuard guard(lock);
         if (changeList.prepare(kInitialChangeBytes) == nullptr) return "cannot initialize change list";
-        if (!reserveStopList()) return "cannot initialize stop list";
-        if (!reserveActiveList()) return "cannot initialize active list";
+        if (!stopList.reserve(kInitialStopObjects)) return "cannot initialize stop list";
+        if (!activeList.reserve(kInitialObjects)) return "cannot initialize active list";
     }
     kq = kqueue();
     if (kq == -1) return "cannot initialize kqueue";
@@ -83,31 +81,6 @@ const char* RvKQueue::prepare() noexcept {
     ioThread = Thread::create(&ioThreadBody, this);
     if (!ioThread) return "cannot initialize io thread";
     return nullptr;
-}
-
-bool RvKQueue::reserveTimerObjects() noexcept try {
-    const LockGuard guard(timersLock);
-    timerObjects.reserve(kInitialObjects);
-    return true;
-} catch (const std::exception&) {
-    return false;
-}
-
-bool RvKQueue::reserveStopList() noexcept try {
-    const LockGuard guard(lock);
-    stopList.reserve(kInitialStopObjects);
-    return true;
-} catch (const std::exception&) {
-    return false;
-}
-
-bool RvKQueue::reserveActiveList() noexcept try {
-    const LockGuard guard(lock);
-    activeListChanged = false;
-    activeList.reserve(kInitialObjects);
-    return true;
-} catch (const std::exception&) {
-    return false;
 }
 
 void RvKQueue::start() noexcept {
@@ -135,13 +108,13 @@ void RvKQueue::waitForEnd() noexcept {
 // Stops what is registered or retiring. Returns whether there was anything: destructors of what the blocks
 // had captured may have added more. The objects themselves go away after the lock is released.
 bool RvKQueue::stopRemaining() noexcept {
-    Registry retired;
-    Registry active;
+    EndpointTable retired;
+    EndpointTable active;
     const LockGuard guard(lock);
     retired = releaseStoppedUnlocked();
     active.swap(activeList);
-    for (const auto& [key, endpoint] : active) endpoint->stop();
-    return !retired.empty() || !active.empty();
+    active.forEach([](const auto& endpoint) { endpoint->stop(); });
+    return !retired.isEmpty() || !active.isEmpty();
 }
 
 // Stops the endpoints of the stop list and returns them, so that the caller destroys them without the lock.
@@ -149,27 +122,27 @@ bool RvKQueue::stopRemaining() noexcept {
 // The deletions that they submit go before the changes that were waiting: a descriptor that its owner has
 // already handed to a new endpoint must not lose that endpoint's filters. Additions that the stopped ones had
 // left waiting are dropped; their descriptor number may belong to another file by the time of the call.
-RvKQueue::Registry RvKQueue::releaseStoppedUnlocked() noexcept {
-    Registry stopped;
-    if (stopList.empty()) return stopped;
+EndpointTable RvKQueue::releaseStoppedUnlocked() noexcept {
+    EndpointTable stopped;
+    if (stopList.isEmpty()) return stopped;
     stopped.swap(stopList);
     ByteBuffer waiting;
     waiting.swap(changeList);
-    for (const auto& [key, endpoint] : stopped) {
+    stopped.forEach([this](const auto& endpoint) {
         removeTimer(endpoint.get());
         endpoint->stop();
-    }
+    });
     resubmit(waiting, stopped);
     return stopped;
 }
 
-void RvKQueue::resubmit(const ByteBuffer& records, const Registry& stopped) noexcept {
+void RvKQueue::resubmit(const ByteBuffer& records, const EndpointTable& stopped) noexcept {
     const std::size_t count = records.size() / sizeof(struct kevent);
     for (std::size_t i = 0; i < count; ++i) {
         struct kevent change;
         std::memcpy(&change, records.data() + i * sizeof change, sizeof change);
         const bool isDelete = (change.flags & EV_DELETE) != 0;
-        if (isDelete || stopped.count(keyOf(change.udata)) == 0) (void)appendChange(change);
+        if (isDelete || !stopped.contains(change.udata)) (void)appendChange(change);
     }
 }
 
@@ -179,7 +152,7 @@ void RvKQueue::submitChange(const struct kevent& change) noexcept {
     {
         const LockGuard guard(lock);
         const bool isDelete = (change.flags & EV_DELETE) != 0;
-        if (!isDelete && activeList.count(keyOf(change.udata)) == 0) return;
+        if (!isDelete && !activeList.contains(change.udata)) return;
         if (!appendChange(change)) return;
     }
     wakeIoThread();
@@ -208,57 +181,52 @@ void RvKQueue::startObject(RvKQueueEventProtocol* endpoint, EventBlock onEvent) 
     endpoint->enableOnData(std::move(onEvent));
 }
 
-void RvKQueue::addActiveObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint) noexcept try {
-    const std::uint64_t key = keyOf(endpoint.get());
+void RvKQueue::addActiveObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint) noexcept {
     const LockGuard guard(lock);
-    activeList.insert_or_assign(key, endpoint);
-    noteActiveChange(key);
-} catch (const std::exception&) {
+    if (activeList.insert(endpoint)) {
+        noteActiveChange(endpoint.get());
+        return;
+    }
     RV_LOG_ERROR(logger, "<%p>: cannot be added", static_cast<void*>(endpoint.get()));
 }
 
 bool RvKQueue::isActive(const RvKQueueEventProtocol* endpoint) noexcept {
     const LockGuard guard(lock);
-    return activeList.count(keyOf(endpoint)) != 0;
+    return activeList.contains(endpoint);
 }
 
 void RvKQueue::stopObject(const RvKQueueEventProtocol* endpoint) noexcept {
-    const std::uint64_t key = keyOf(endpoint);
     {
         const LockGuard guard(lock);
-        auto node = activeList.extract(key);
-        if (node.empty()) return;
-        try {
-            stopList.insert(std::move(node));
-        } catch (const std::exception&) {
-            activeList.insert(std::move(node));  // has room: one has just left
+        EndpointTable::Pointer object = activeList.take(endpoint);
+        if (!object) return;
+        if (!stopList.insert(object)) {
+            (void)activeList.insert(std::move(object));  // has room: one has just left
             RV_LOG_ERROR(logger, "<%p>: cannot stop object", static_cast<const void*>(endpoint));
             return;
         }
-        noteActiveChange(key);
+        noteActiveChange(endpoint);
     }
     wakeIoThread();
 }
 
-void RvKQueue::noteActiveChange(std::uint64_t key) noexcept {
+void RvKQueue::noteActiveChange(const void* endpoint) noexcept {
     activeListChanged = true;
     if (allActiveChanged) return;
     // Once there are more changes than endpoints a copy of everything is the cheaper refresh.
-    allActiveChanged = changedKeys.size() > 2 * activeList.size() + kInitialObjects;
+    allActiveChanged = changedObjects.size() > 2 * activeList.size() + kInitialObjects;
     try {
-        if (!allActiveChanged) changedKeys.push_back(key);
+        if (!allActiveChanged) changedObjects.push_back(endpoint);
     } catch (const std::exception&) {
         allActiveChanged = true;
     }
-    if (allActiveChanged) changedKeys.clear();
+    if (allActiveChanged) changedObjects.clear();
 }
 
 void RvKQueue::removeTimer(const RvKQueueEventProtocol* object) noexcept {
     const LockGuard guard(timersLock);
-    const auto found = timerObjects.find(object);
-    if (found == timerObjects.end()) return;
-    timerIdents.erase(found->second.ident);
-    timerObjects.erase(found);
+    const EndpointTable::Pointer timer = timerObjects.take(object);
+    if (timer) timerIdents.erase(static_cast<const RvKQueueTimer&>(*timer).number());
 }
 
 bool RvKQueue::isHereTimerIdent(std::int32_t number) noexcept {
@@ -311,25 +279,18 @@ bool RvKQueue::takeFirstSnapshot() noexcept {
 }
 
 // Makes the snapshot equal to the registry. Returns false without memory.
-bool RvKQueue::refreshSnapshot() noexcept try {
-    if (allActiveChanged) {
-        snapshot = activeList;
-    } else {
-        for (const std::uint64_t key : changedKeys) {
-            const auto found = activeList.find(key);
-            if (found == activeList.end()) {
-                snapshot.erase(key);
-            } else {
-                snapshot.insert_or_assign(key, found->second);
-            }
-        }
+bool RvKQueue::refreshSnapshot() noexcept {
+    if (allActiveChanged && !snapshot.copyFrom(activeList)) return false;
+    for (const void* const object : changedObjects) {
+        const EndpointTable::Pointer* const active = activeList.find(object);
+        // What was there under this address before may have been another object.
+        (void)snapshot.take(object);
+        if (active != nullptr && !snapshot.insert(*active)) return false;
     }
-    changedKeys.clear();
+    changedObjects.clear();
     allActiveChanged = false;
     activeListChanged = false;
     return true;
-} catch (const std::exception&) {
-    return false;
 }
 
 // Has the queue end its wait when another thread signals. The record has no endpoint, so its events are
@@ -348,7 +309,7 @@ void RvKQueue::registerWakeup() noexcept {
 }
 
 bool RvKQueue::turn() noexcept {
-    Registry retired;
+    EndpointTable retired;
     {
         const LockGuard guard(lock);
         retired = releaseStoppedUnlocked();
@@ -385,9 +346,9 @@ void RvKQueue::dispatch(int count) noexcept {
     for (int i = 0; i < count; ++i) {
         // The receipt of a deletion that failed; true events never carry the flag.
         if ((records[i].flags & EV_DELETE) != 0) continue;
-        const auto found = snapshot.find(keyOf(records[i].udata));
-        if (found == snapshot.end()) continue;
-        RvKQueueEventProtocol& endpoint = *found->second;
+        const EndpointTable::Pointer* const found = snapshot.find(records[i].udata);
+        if (found == nullptr) continue;
+        RvKQueueEventProtocol& endpoint = **found;
         if (endpoint.takesUncounted() || keventCount(&records[i]) != 0) endpoint.kevent(&records[i]);
     }
 }

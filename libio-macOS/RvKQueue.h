@@ -15,11 +15,11 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "libio-macOS/ByteBuffer.h"
+#include "libio-macOS/EndpointTable.h"
 #include "libio-macOS/RvKQueueEventProtocol.h"
 #include "libio-macOS/TimerIdents.h"
 #include "platform/kevent.h"
@@ -138,20 +138,10 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     bool isHereTimerIdent(std::int32_t number) noexcept;
 
   private:
-    /// Endpoints by address.
-    using Registry = std::unordered_map<std::uint64_t, std::shared_ptr<RvKQueueEventProtocol>>;
-    struct ListedTimer {
-        std::int32_t ident;
-        std::shared_ptr<RvKQueueTimer> timer;
-    };
-
     const char* prepare() noexcept;
     bool isActive(const RvKQueueEventProtocol* endpoint) noexcept;
-    bool reserveTimerObjects() noexcept;
     bool listTimer(const std::shared_ptr<RvKQueueTimer>& timer, std::int32_t ident) noexcept
         RV_REQUIRES(timersLock);
-    bool reserveStopList() noexcept;
-    bool reserveActiveList() noexcept;
 
     static void ioThreadBody(void* loop) noexcept;
     void ioThreadRoutine() noexcept RV_REQUIRES(ioThread);
@@ -162,10 +152,10 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     int waitForEvents() noexcept RV_REQUIRES(ioThread);
     void dispatch(int count) noexcept RV_REQUIRES(ioThread);
 
-    [[nodiscard]] Registry releaseStoppedUnlocked() noexcept RV_REQUIRES(lock);
-    void resubmit(const ByteBuffer& records, const Registry& stopped) noexcept RV_REQUIRES(lock);
+    [[nodiscard]] EndpointTable releaseStoppedUnlocked() noexcept RV_REQUIRES(lock);
+    void resubmit(const ByteBuffer& records, const EndpointTable& stopped) noexcept RV_REQUIRES(lock);
     bool stopRemaining() noexcept;
-    void noteActiveChange(std::uint64_t key) noexcept RV_REQUIRES(lock);
+    void noteActiveChange(const void* endpoint) noexcept RV_REQUIRES(lock);
     bool appendChange(const struct kevent& change) noexcept RV_REQUIRES(lock);
     void wakeIoThread() noexcept;
 
@@ -173,13 +163,13 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     OsLog logger;
 
     RecursiveLock lock RV_ACQUIRED_BEFORE(timersLock);
-    ByteBuffer changeList RV_GUARDED_BY(lock);  ///< struct kevent records, back to back
-    Registry stopList RV_GUARDED_BY(lock);      ///< strong; until the next turn has stopped them
+    ByteBuffer changeList RV_GUARDED_BY(lock);   ///< struct kevent records, back to back
+    EndpointTable stopList RV_GUARDED_BY(lock);  ///< strong; until the next turn has stopped them
     bool activeListChanged RV_GUARDED_BY(lock) = false;
-    Registry activeList RV_GUARDED_BY(lock);  ///< strong; until stopObject or stop
-    /// Keys that entered or left activeList since the last snapshot: a refresh costs what changed, not what
-    /// there is. allActiveChanged says that the list was given up and the whole registry must be copied.
-    std::vector<std::uint64_t> changedKeys RV_GUARDED_BY(lock);
+    EndpointTable activeList RV_GUARDED_BY(lock);  ///< strong; until stopObject or stop
+    /// Endpoints that entered or left activeList since the last snapshot: a refresh costs what changed, not
+    /// what there is. allActiveChanged says that the list was given up and the whole registry must be copied.
+    std::vector<const void*> changedObjects RV_GUARDED_BY(lock);
     bool allActiveChanged RV_GUARDED_BY(lock) = false;
 
     std::unique_ptr<Thread> ioThread;
@@ -190,14 +180,13 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     std::atomic<bool> sleeping = false;
     Wakeup wakeup;
 
-    Registry snapshot RV_GUARDED_BY(ioThread);   ///< strong; what events are dispatched against
-    ByteBuffer changes RV_GUARDED_BY(ioThread);  ///< what the current turn hands over
-    ByteBuffer events RV_GUARDED_BY(ioThread);   ///< room for what kevent() returns; never committed
+    EndpointTable snapshot RV_GUARDED_BY(ioThread);  ///< strong; what events are dispatched against
+    ByteBuffer changes RV_GUARDED_BY(ioThread);      ///< what the current turn hands over
+    ByteBuffer events RV_GUARDED_BY(ioThread);       ///< room for what kevent() returns; never committed
 
     RecursiveLock timersLock;
     TimerIdents timerIdents RV_GUARDED_BY(timersLock);
-    /// By the timer's address; strong, until the timer is retired.
-    std::unordered_map<const RvKQueueEventProtocol*, ListedTimer> timerObjects RV_GUARDED_BY(timersLock);
+    EndpointTable timerObjects RV_GUARDED_BY(timersLock);  ///< RvKQueueTimers; strong, until they are retired
 };
 
 #endif

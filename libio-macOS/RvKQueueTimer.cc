@@ -1,6 +1,5 @@
 #include "libio-macOS/RvKQueueTimer.h"
 
-#include <exception>
 #include <optional>
 #include <utility>
 
@@ -40,12 +39,10 @@ std::shared_ptr<RvKQueueTimer> RvKQueue::addTimer(std::uint64_t ms, std::int32_t
     return timer;
 }
 
-bool RvKQueue::listTimer(const std::shared_ptr<RvKQueueTimer>& timer, std::int32_t ident) noexcept try {
-    timerObjects.insert_or_assign(timer.get(), ListedTimer{ident, timer});
+bool RvKQueue::listTimer(const std::shared_ptr<RvKQueueTimer>& timer, std::int32_t ident) noexcept {
+    if (!timerObjects.insert(timer)) return false;
     timerIdents.insert(ident);
     return true;
-} catch (const std::exception&) {
-    return false;
 }
 
 std::shared_ptr<RvKQueueTimer> RvKQueueTimer::initWithIdent(std::int32_t number, std::int32_t millisec,

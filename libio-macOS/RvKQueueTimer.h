@@ -39,6 +39,9 @@ class RvKQueueTimer : public RvKQueueEventProtocol {
     void write(const void* bytes, std::uint64_t size) noexcept override;
     void stop() noexcept override;
 
+    /// The timer's ident.
+    std::int32_t number() const noexcept { return ident; }
+
     /// Fills in a change record for the kernel's timer.
     ///
     /// data  milliseconds
