@@ -238,19 +238,16 @@ bool RvTetherIPCClient::handleEvent(const char* buffer, std::uint64_t size, std:
 void RvTetherIPCClient::sendJSON(const JsonObject* dictionary, std::int32_t command) noexcept {
     const std::optional<std::string> frame = encodeFrame(dictionary, command);
     if (frame) {
-        send({*frame});
+        send(*frame);
     } else if (dictionary != nullptr) {
         complain("cannot convert dictionary to JSON");
     }
 }
 
-void RvTetherIPCClient::send(std::initializer_list<std::string_view> frame) noexcept {
+void RvTetherIPCClient::send(std::string_view frame) noexcept {
     const std::shared_ptr<RvKQueueEventProtocol> target = endpoint();
     if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && target) {
-        const LockGuard<Lock> guard(frameLock);
-        for (const std::string_view piece : frame) {
-            (void)loop->write(target, piece.data(), piece.size());  // always true: failures come as events
-        }
+        (void)loop->write(target, frame.data(), frame.size());  // always true: failures come as events
     }
 }
 
@@ -324,6 +321,7 @@ void RvTetherIPCClient::getRuleList() noexcept {
     sendJSON(nullptr, kCmdGetRules);
 }
 
+// In one piece: with a part of it queued the rest might find no memory, and half a frame would leave.
 bool RvTetherIPCClient::loadRuleList(std::string_view rules) noexcept {
     constexpr std::string_view kBefore = R"({"rules":)";
     constexpr std::string_view kAfter = "}";
@@ -334,8 +332,16 @@ bool RvTetherIPCClient::loadRuleList(std::string_view rules) noexcept {
     }
     char header[kFrameHeaderBytes];
     encodeFrameHeader({kCmdLoadRules, static_cast<std::uint32_t>(length)}, header);
-    send({{header, sizeof header}, kBefore, rules, kAfter});
-    return true;
+    try {
+        std::string frame;
+        frame.reserve(sizeof header + length);
+        frame.append(header, sizeof header).append(kBefore).append(rules).append(kAfter);
+        send(frame);
+        return true;
+    } catch (const std::exception&) {
+        complain(kNoDictionary);
+        return false;
+    }
 }
 
 bool RvTetherIPCClient::insertRuleForDevice(std::uint32_t deviceId, std::string_view action) noexcept {

@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <string_view>
 
@@ -91,14 +90,13 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
   private:
     bool handleEvent(const char* buffer, std::uint64_t size, std::uint64_t* dropSize,
                      std::int32_t event) noexcept;
-    /// Sends a frame that comes in pieces; a large rule set is not copied only to join it with its header.
-    void send(std::initializer_list<std::string_view> frame) noexcept;
+    /// Hands a whole frame to the engine; the frame is copied.
+    void send(std::string_view frame) noexcept;
     bool deliverFrame(std::int32_t command, std::string_view body) noexcept;
     void reportError() noexcept;
     std::shared_ptr<RvKQueueEventProtocol> endpoint() const noexcept;
 
     std::weak_ptr<RvKQueue> kq;  ///< the loop that runs the connection; not kept alive
-    Lock frameLock;              ///< keeps the pieces of a frame together; held while they are queued
     mutable Lock endpointLock;
     std::shared_ptr<RvKQueueEventProtocol> unix_ RV_GUARDED_BY(endpointLock);  ///< strong until stop()
 

@@ -20,6 +20,8 @@ using cli::Script;
 constexpr char kRuleFile[] = "/tmp/rules";
 constexpr char kEdited[] = RV_EDITED;
 constexpr char kUserText[] = RV_USER_TEXT;
+// A request that needs more room for its output than one gets at first.
+const std::string kLongRule = "block serial " + std::string(3000, 's') + "\n";
 constexpr char kDevices[] =
     R"({"devices":[{"id":1,"vid":4660,"pid":22136,"rev":256,"port":"1-1","built-in":true,)"
     R"("name":"A device whose name takes memory of its own","state":"shared","serial":"A-1"},)"
@@ -146,8 +148,7 @@ std::size_t copies() {
 }  // namespace
 
 std::vector<Scene> scenes() {
-    using namespace std::string_literals;
-    const std::string rules = kUserText + "block quick\n"s;
+    const std::string rules = kUserText + kLongRule;
     return {
         {"DevList", {"dev", "list"}, "", replies({{cli::kDevices, kDevices}})},
         {"DevUnplug", {"dev", "unplug", "7"}, "", replies({{cli::kUnplug, cli::kReplyNotFound}}), 2},
@@ -197,7 +198,7 @@ cli::Command prepare(const Scene& scene) {
     for (const fs::directory_entry& entry : fs::directory_iterator("/tmp")) {
         fs::remove_all(entry.path());
     }
-    cli::writeFile(kRuleFile, std::string(kUserText) + "block quick\n");
+    cli::writeFile(kRuleFile, kUserText + kLongRule);
     cli::Command command = cli::tool(scene.words);
     command.text = scene.input;
     command.environment["VISUAL"] = RV_QUIET_EDITOR;

@@ -38,7 +38,6 @@ const std::map<std::string, std::vector<std::string>> kErrors = {
     {"eventfd2", {"EMFILE"}},
     {"fcntl", {"EINVAL"}},
     {"fstat", {"ENOMEM"}},
-    {"getsockopt", {"ENOMEM"}},
     {"ioctl", {"ENOMEM"}},
     {"lseek", {"ESPIPE"}},
     {"madvise", {"ENOMEM"}},
