@@ -23,7 +23,8 @@ endfunction()
 rv_install_library(rvkevent platform/kevent.h)
 rv_install_library(rvcapture platform/packet_capture.h)
 rv_install_library(rvplatform
-  platform/lock.h platform/oslog.h platform/peer_credentials.h platform/thread.h platform/wakeup.h)
+  platform/lock.h platform/oslog.h platform/peer_credentials.h platform/thread.h platform/ticker.h
+  platform/wakeup.h)
 rv_install_library(rvio
   libio-macOS/AcceptedConnection.h libio-macOS/ByteBuffer.h libio-macOS/EndpointTable.h libio-macOS/EventBlockSlot.h
   libio-macOS/PendingOutput.h libio-macOS/RvKQueue.h libio-macOS/RvKQueueBPF.h

@@ -18,15 +18,7 @@ constexpr std::size_t kLargeWriteBytes = 65536;
 void PendingOutput::append(const void* bytes, std::uint64_t size) noexcept {
     const LockGuard guard(txlock);
     if (!tx.append(bytes, size)) lostBytes = true;
-}
-
-bool PendingOutput::isEmpty() const noexcept {
-    return remaining() == 0;
-}
-
-std::size_t PendingOutput::remaining() const noexcept {
-    const LockGuard guard(txlock);
-    return sending.size() + tx.size();
+    queued.store(tx.size(), std::memory_order_relaxed);
 }
 
 // Has `sending` hold what goes out next: `wanted` bytes if there are so many and they are cheaply had.
@@ -40,6 +32,7 @@ bool PendingOutput::takeQueued(std::size_t wanted) noexcept {
                sending.append(tx.data(), tx.size())) {
         tx.drop(tx.size());
     }
+    queued.store(tx.size(), std::memory_order_relaxed);
     return true;
 }
 

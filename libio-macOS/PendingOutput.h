@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -30,7 +31,7 @@ class PendingOutput {
     void append(const void* bytes, std::uint64_t size) noexcept;
 
     /// Whether nothing is queued. The I/O thread.
-    bool isEmpty() const noexcept;
+    bool isEmpty() const noexcept { return remaining() == 0; }
 
     /// Writes queued bytes to the descriptor: one write(2) of at most `room` bytes, and none if there is
     /// nothing to write unless `evenIfEmpty`, in which case a write of 0 bytes is made. What was written
@@ -42,10 +43,12 @@ class PendingOutput {
 
   private:
     bool takeQueued(std::size_t wanted) noexcept;
-    std::size_t remaining() const noexcept;
+    std::size_t remaining() const noexcept { return sending.size() + queued.load(std::memory_order_relaxed); }
 
     mutable RecursiveLock txlock;
     ByteBuffer tx RV_GUARDED_BY(txlock);
+    /// Bytes in tx, for those who only ask whether there are any. Written under txlock.
+    std::atomic<std::size_t> queued = 0;
     ByteBuffer sending;  ///< goes out before tx; the I/O thread's alone
     bool lostBytes RV_GUARDED_BY(txlock) = false;
 };

@@ -54,7 +54,8 @@ std::shared_ptr<RvKQueue> RvKQueue::initWithSubsystem(const char* subsystem) noe
     return nullptr;
 }
 
-RvKQueue::RvKQueue(Key, const char* subsystem) noexcept : logger(OsLog::create(subsystem, "kqueue")) {}
+RvKQueue::RvKQueue(Key, const char* subsystem) noexcept
+    : logger(OsLog::create(subsystem, "kqueue")), ticker(kTurnTimeoutNs) {}
 
 RvKQueue::~RvKQueue() {
     if (kq != -1) (void)close(kq);  // nothing is left to undo
@@ -296,6 +297,7 @@ bool RvKQueue::refreshSnapshot() noexcept {
 // Has the queue end its wait when another thread signals. The record has no endpoint, so its events are
 // ignored.
 void RvKQueue::registerWakeup() noexcept {
+    if (ticker.isUsable()) keventTick(kq, ticker.descriptor(), kTurnTimeoutNs);
     if (!wakeup.isUsable()) return;  // requests then wait for the end of the turn
     const struct kevent change = {static_cast<std::uint64_t>(wakeup.descriptor()),
                                   EVFILT_READ,

@@ -26,6 +26,7 @@
 #include "platform/lock.h"
 #include "platform/oslog.h"
 #include "platform/thread.h"
+#include "platform/ticker.h"
 #include "platform/wakeup.h"
 
 class RvKQueueBPF;
@@ -179,6 +180,7 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     /// that clears it owes a wake-up.
     std::atomic<bool> sleeping = false;
     Wakeup wakeup;
+    Ticker ticker;
 
     EndpointTable snapshot RV_GUARDED_BY(ioThread);  ///< strong; what events are dispatched against
     ByteBuffer changes RV_GUARDED_BY(ioThread);      ///< what the current turn hands over

@@ -121,6 +121,13 @@ int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent*
 /// this does nothing. Thread: any, before the first kevent().
 void keventLeaveUncounted(int kq);
 
+/// Ends the waits of a queue that are to last `periodNs` by a descriptor that becomes readable once in that
+/// period, instead of by a timer that the kernel starts and stops for each of them: such a wait may be
+/// shorter, and returns 0 then. The descriptor remains the caller's, stays open as long as the queue is
+/// waited for, and is read from by the queue alone. A number that is no queue is ignored. Thread: any, before
+/// the first kevent().
+void keventTick(int kq, int fd, int64_t periodNs);
+
 /// Counts for an uncounted event what kevent() would have, and leaves every other event as it is. Returns 0
 /// if there is no event any more, else 1.
 int keventCount(struct kevent* event);

@@ -9,6 +9,7 @@
 #include <limits.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <unistd.h>
 
 #include "platform/linux/kevent_clock.h"
 #include "platform/linux/kevent_descriptors.h"
@@ -45,6 +46,7 @@ struct Collector {
     bool stale;       // epoll reported an entry that a close(2) has ended
     bool unread;      // epoll may have more to report
     bool repeated;    // epoll has begun to report the same entries again
+    bool ticked;      // the queue's tick ended the wait
     bool raced;       // another thread changed registrations during the wait
     int64_t timeout;  // ns; INT64_MAX: no limit
     int64_t now;      // CLOCK_MONOTONIC, read when it is needed first and after each wait; 0: not yet
@@ -169,8 +171,18 @@ bool isVouchedFor(const Kqueue& queue, Entry& entry, uint32_t events) {
     return ++entry.unchecked < kReportsPerCheck;
 }
 
+/// The tick that comes after the next one starts when this one is read.
+void takeTick(Collector& c) {
+    uint64_t ticks = 0;
+    c.ticked = read(c.queue.tickFd, &ticks, sizeof ticks) == sizeof ticks;
+}
+
 void takeReport(Collector& c, const epoll_event& report) {
     if (report.data.u64 == kWakeTag) return;
+    if (report.data.u64 == kTickTag) {
+        takeTick(c);
+        return;
+    }
     const uint32_t generation = static_cast<uint32_t>(report.data.u64 >> 32);
     Entry* entry = findEntry(c.queue.knotes, static_cast<int>(static_cast<uint32_t>(report.data.u64)));
     if (entry == nullptr || !isLive(*entry) || !entry->inEpoll || entry->generation != generation) {
@@ -226,11 +238,11 @@ int waitUnlocked(Collector& c, epoll_event* reports, int limit, int64_t ns) {
     const int epoll = queue.fd;
     ++queue.waiters;
     (void)pthread_mutex_unlock(&queue.lock);
-    const int64_t begin = timeNow(c);
-    const int n = waitFor(epoll, reports, limit, ns);
+    const int64_t begin = queue.uncounted ? 0 : timeNow(c);
+    const int n = waitFor(epoll, reports, limit, ns == queue.tickNs ? INT64_MAX : ns);
     const int error = errno;
-    c.now = clockNs(CLOCK_MONOTONIC);
-    const bool brief = c.now - begin < kCheckHoldsNs;
+    c.now = 0;
+    const bool brief = !queue.uncounted && timeNow(c) - begin < kCheckHoldsNs;
     (void)pthread_mutex_lock(&queue.lock);
     --queue.waiters;
     c.raced = queue.changes != changes;
@@ -364,6 +376,7 @@ int64_t waitTime(Collector& c) {
     const bool polls = c.queue.knotes.polled.count > 0;
     if (c.timeout == 0) return 0;
     const int64_t deadline = firstDeadline(c.queue.timers);
+    if (c.timeout == c.queue.tickNs && deadline == INT64_MAX && !polls) return c.timeout;
     const int64_t until = deadline < expiryOf(c) ? deadline : expiryOf(c);
     if (until == INT64_MAX) return polls ? kPollIntervalNs : INT64_MAX;
     const int64_t left = until - timeNow(c);
@@ -403,13 +416,14 @@ bool collectUntil(Collector& c) {
             takeTimers(c);
             return true;
         }
+        if (c.ticked && c.timeout == c.queue.tickNs) return true;
     }
 }
 
 }  // namespace
 
 int collectEvents(Kqueue& queue, struct kevent* list, int room, const timespec* timeout) {
-    Collector c{queue, list, room, 0, false, false, false, false, false, timeoutNs(timeout), 0, 0};
+    Collector c{queue, list, room, 0, false, false, false, false, false, false, timeoutNs(timeout), 0, 0};
     handToEpoll(queue, true);
     if (!collectUntil(c)) return -1;
     const bool deferred = hasTimers(c) || queue.knotes.polled.count > 0;

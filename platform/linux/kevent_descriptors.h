@@ -38,6 +38,12 @@ void askParked(Kqueue& queue);
 /// Arms the edge of an EV_CLEAR entry again, because its report could not be delivered.
 void askAgain(Kqueue& queue, Entry& entry);
 
+/// epoll_event.data of the queue's tickFd.
+inline constexpr uint64_t kTickTag = UINT64_MAX - 1;
+
+/// Has an epoll instance watch the queue's tickFd. Returns false if it cannot.
+bool watchTicks(const Kqueue& queue, int epoll);
+
 /// Replaces the epoll instance by a new one under the same number, without the entries that a close(2) should
 /// have ended. Returns false if no descriptor could be had for it.
 bool rebuild(Kqueue& queue);

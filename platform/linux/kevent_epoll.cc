@@ -132,6 +132,17 @@ void keventLeaveUncounted(int kq) {
     queue->uncounted = true;
 }
 
+void keventTick(int kq, int fd, int64_t periodNs) {
+    const int error = errno;
+    Kqueue* queue = findQueue(kq);
+    if (queue != nullptr) {
+        const QueueLock guard(*queue);
+        queue->tickFd = fd;
+        queue->tickNs = watchTicks(*queue, queue->fd) ? periodNs : 0;
+    }
+    errno = error;
+}
+
 int keventCount(struct kevent* event) {
     if (event->data != KEVENT_UNCOUNTED) return 1;
     Entry entry{};

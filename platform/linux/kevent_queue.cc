@@ -53,6 +53,7 @@ void resetQueue(Kqueue& queue, int fd) {
     queue.fd = fd;
     ++queue.instance;
     queue.pollsChanged = false;
+    queue.tickNs = 0;
     queue.uncounted = false;
     queue.epollSkipped = false;
 }
