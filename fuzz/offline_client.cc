@@ -1,5 +1,6 @@
 #include "fuzz/offline_client.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -8,10 +9,14 @@
 
 namespace {
 
-std::vector<std::string>& sent() {
-    static std::vector<std::string> frames;
-    return frames;
-}
+/// Kept with malloc: an operator new that fails is for the client alone.
+struct Sent {
+    Sent* next;
+    std::size_t size;
+    char bytes[1];
+};
+
+Sent* lastSent = nullptr;
 
 }  // namespace
 
@@ -23,7 +28,11 @@ extern "C" bool __wrap__ZN8RvKQueue5writeEP21RvKQueueEventProtocolPKvm(RvKQueue*
 extern "C" bool __wrap__ZN8RvKQueue5writeEP21RvKQueueEventProtocolPKvm(RvKQueue*, RvKQueueEventProtocol*,
                                                                        const void* bytes,
                                                                        std::uint64_t size) {
-    sent().emplace_back(static_cast<const char*>(bytes), size);
+    auto* const frame = static_cast<Sent*>(std::malloc(sizeof(Sent) + size));
+    require(frame != nullptr, "no memory");
+    frame->next = std::exchange(lastSent, frame);
+    frame->size = size;
+    std::memcpy(frame->bytes, bytes, size);
     return true;
 }
 
@@ -35,7 +44,13 @@ const std::shared_ptr<RvTetherIPCClient>& offlineClient() {
 }
 
 std::vector<std::string> takeSent() {
-    return std::exchange(sent(), {});
+    std::vector<std::string> frames;
+    while (Sent* const frame = lastSent) {
+        frames.emplace(frames.begin(), frame->bytes, frame->size);
+        lastSent = frame->next;
+        std::free(frame);
+    }
+    return frames;
 }
 
 bool Receiver::receive(std::string_view bytes) {

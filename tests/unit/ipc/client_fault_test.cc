@@ -1,0 +1,143 @@
+// The requests of the client without memory: each has its message, and what is sent is whole.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fuzz/offline_client.h"
+#include "unit/rules/captured_stderr.h"
+#include "unit/rules/failing_new.h"
+
+namespace {
+
+constexpr char kNoFrame[] = "cannot convert dictionary to JSON";
+constexpr char kNoDictionary[] = "cannot allocate dictionary for request";
+constexpr char kNoObject[] = "cannot allocate object for request";
+constexpr char kNoObjects[] = "cannot allocate objects for request";
+constexpr char kNoNumber[] = "cannot allocate number for request";
+constexpr char kNoString[] = "cannot allocate string for request";
+constexpr char kNoDictionaryLine[] = "cannot allocate dictionary for request\n";
+constexpr char kNoPreferencesLine[] = "cannot allocate dictionary for preferences\n";
+
+const std::string kHost(100, 'h');
+const std::string kRules = "[" + std::string(1000, ' ') + "]";
+
+struct Row {
+    const char* name;
+    std::function<void(RvTetherIPCClient&)> request;
+    std::set<std::string> messages;  ///< of all refusals together
+};
+
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ClientFault : public ::testing::TestWithParam<Row> {};
+
+TEST_P(ClientFault, EachRefusedAllocationHasItsMessage) {
+    RvTetherIPCClient& client = *offlineClient();
+    GetParam().request(client);
+    const std::vector<std::string> whole = takeSent();
+    ASSERT_EQ(1U, whole.size());
+    std::set<std::string> messages;
+    CapturedStderr said;
+    for (long successes = 0;; ++successes) {
+        ASSERT_LT(successes, 1000);
+        allocationsLeft = successes;
+        GetParam().request(client);
+        const bool refused = allocationsLeft == 0;
+        allocationsLeft = -1;
+        const std::string message = said.take();
+        const std::vector<std::string> sent = takeSent();
+        if (!sent.empty()) {
+            EXPECT_EQ("", message);
+            EXPECT_EQ(whole, sent);
+            break;
+        }
+        EXPECT_TRUE(refused);
+        messages.insert(message);
+    }
+    EXPECT_EQ(GetParam().messages, messages);
+}
+
+const std::uint16_t kPort = 80;
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, ClientFault,
+    ::testing::Values(
+        // A frame without a body fits in a string that needs no memory.
+        Row{"GetDeviceList", [](RvTetherIPCClient& client) { client.getDeviceList(); }, {}},
+        Row{"KillConnection",
+            [](RvTetherIPCClient& client) { client.requestKillConnection(kHost.c_str(), &kPort); },
+            {kNoDictionary, kNoObject, kNoObjects, kNoFrame}},
+        Row{"DisconnectDevice",
+            [](RvTetherIPCClient& client) { client.requestDisconnectDevice(7); },
+            {kNoDictionary, kNoObjects, kNoFrame}},
+        Row{"LoadRules",
+            [](RvTetherIPCClient& client) { (void)client.loadRuleList(kRules); },
+            {kNoDictionary}},
+        Row{"InsertRule",
+            [](RvTetherIPCClient& client) { (void)client.insertRuleForDevice(7, kHost); },
+            {kNoDictionary, kNoObjects, kNoFrame}},
+        Row{"TestRule",
+            [](RvTetherIPCClient& client) { (void)client.testRuleForDevice(7, "net", kHost.c_str()); },
+            {kNoDictionary, kNoNumber, kNoString, kNoFrame}},
+        Row{"EndTransaction",
+            [](RvTetherIPCClient& client) { client.endRuleTransaction(true); },
+            {kNoDictionary, kNoObjects, kNoFrame}},
+        Row{"AddPreferences",
+            [](RvTetherIPCClient& client) { (void)client.addPreferencesWithDevice(kHost); },
+            {kNoDictionaryLine, kNoPreferencesLine, kNoFrame}},
+        Row{"RemovePreferences",
+            [](RvTetherIPCClient& client) { (void)client.removePreferencesWithDevice(kHost); },
+            {kNoDictionaryLine, kNoFrame}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(ClientFaultTexts, TextThatIsNotUtf8HasTheSameMessages) {
+    RvTetherIPCClient& client = *offlineClient();
+    const std::string bad = "\xff";
+    CapturedStderr said;
+    client.requestKillConnection(bad.c_str(), nullptr);
+    EXPECT_EQ(kNoObject, said.take());
+    EXPECT_FALSE(client.insertRuleForDevice(1, bad));
+    EXPECT_EQ(kNoObjects, said.take());
+    EXPECT_FALSE(client.testRuleForDevice(1, "net", bad.c_str()));
+    EXPECT_EQ(kNoString, said.take());
+    EXPECT_TRUE(takeSent().empty());
+}
+
+TEST(ClientFaultReceiving, ABodyThatFindsNoMemoryCannotBeParsed) {
+    int frames = 0;
+    ASSERT_TRUE(offlineClient()->setOnData([&](std::int32_t, const JsonObject&) { ++frames; }));
+    const std::string frame = frameOf(1, R"({"a":[)" + std::string(20000, '1') + "]}");
+    CapturedStderr said;
+    int refusals = 0;
+    for (long successes = 0; frames == 0; ++successes) {
+        ASSERT_LT(successes, 1000);
+        std::uint64_t dropSize = 1;
+        allocationsLeft = successes;
+        const bool accepted = offlineClient()->parseProtocolBuffer(frame.data(), frame.size(), &dropSize);
+        allocationsLeft = -1;
+        const std::string message = said.take();
+        EXPECT_EQ(accepted ? "" : "cannot parse protocol", message);
+        EXPECT_EQ(accepted ? frame.size() : 1U, dropSize);
+        refusals += accepted ? 0 : 1;
+    }
+    ASSERT_TRUE(offlineClient()->setOnData(nullptr));
+}
+
+TEST(ClientFaultCallbacks, ASetterWithoutMemoryChangesNothing) {
+    int calls = 0;
+    ASSERT_TRUE(offlineClient()->setOnError([&] { ++calls; }));
+    RvTetherIPCClient::OnError other = [] {};
+    allocationsLeft = 0;
+    const bool set = offlineClient()->setOnError(std::move(other));
+    allocationsLeft = -1;
+    EXPECT_FALSE(set);
+    (*offlineClient()->onError())();
+    EXPECT_EQ(1, calls);
+}
+
+}  // namespace
