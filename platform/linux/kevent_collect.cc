@@ -33,6 +33,8 @@ constexpr int64_t kNsPerMs = 1'000'000;
 constexpr uint32_t kSources = 3;
 /// See isVouchedFor.
 constexpr uint8_t kReportsPerCheck = 64;
+/// A queue is busy when this many waits have ended with events, in a row or between two ticks.
+constexpr uint32_t kBusyWaits = 16;
 
 constexpr unsigned kRead = 1;
 constexpr unsigned kWrite = 2;
@@ -171,10 +173,27 @@ bool isVouchedFor(const Kqueue& queue, Entry& entry, uint32_t events) {
     return ++entry.unchecked < kReportsPerCheck;
 }
 
-/// The tick that comes after the next one starts when this one is read.
-void takeTick(Collector& c) {
+void nextTick(Kqueue& queue) {
     uint64_t ticks = 0;
-    c.ticked = read(c.queue.tickFd, &ticks, sizeof ticks) == sizeof ticks;
+    queue.ticking = read(queue.tickFd, &ticks, sizeof ticks) == sizeof ticks;
+}
+
+void takeTick(Collector& c) {
+    if (!c.queue.ticking) return;
+    c.ticked = true;
+    c.queue.ticking = false;
+    if (c.queue.busy >= kBusyWaits) nextTick(c.queue);
+    c.queue.busy = 0;
+}
+
+/// Ticks are for a queue whose waits are short: where most of them last to their end, a time-out of each is
+/// the cheaper bound.
+void noteWait(Collector& c) {
+    if (c.count == 0) {
+        c.queue.busy = 0;
+    } else if (++c.queue.busy >= kBusyWaits && c.queue.tickNs != 0 && !c.queue.ticking) {
+        nextTick(c.queue);
+    }
 }
 
 void takeReport(Collector& c, const epoll_event& report) {
@@ -236,10 +255,11 @@ int waitUnlocked(Collector& c, epoll_event* reports, int limit, int64_t ns) {
     const uint64_t call = queue.call;
     const uint64_t changes = queue.changes;
     const int epoll = queue.fd;
+    const bool endsByTick = queue.ticking && ns == queue.tickNs;
     ++queue.waiters;
     (void)pthread_mutex_unlock(&queue.lock);
     const int64_t begin = queue.uncounted ? 0 : timeNow(c);
-    const int n = waitFor(epoll, reports, limit, ns == queue.tickNs ? INT64_MAX : ns);
+    const int n = waitFor(epoll, reports, limit, endsByTick ? INT64_MAX : ns);
     const int error = errno;
     c.now = 0;
     const bool brief = !queue.uncounted && timeNow(c) - begin < kCheckHoldsNs;
@@ -376,7 +396,7 @@ int64_t waitTime(Collector& c) {
     const bool polls = c.queue.knotes.polled.count > 0;
     if (c.timeout == 0) return 0;
     const int64_t deadline = firstDeadline(c.queue.timers);
-    if (c.timeout == c.queue.tickNs && deadline == INT64_MAX && !polls) return c.timeout;
+    if (c.queue.ticking && c.timeout == c.queue.tickNs && deadline == INT64_MAX && !polls) return c.timeout;
     const int64_t until = deadline < expiryOf(c) ? deadline : expiryOf(c);
     if (until == INT64_MAX) return polls ? kPollIntervalNs : INT64_MAX;
     const int64_t left = until - timeNow(c);
@@ -410,6 +430,7 @@ bool collectUntil(Collector& c) {
         if (c.count > 0 || (waited && hasExpired(c))) return true;
         handToEpoll(c.queue, false);
         if (!takeEpoll(c, waitTime(c))) return false;
+        if (!c.ticked) noteWait(c);
         waited = true;
         dropStale(c);
         if (c.count > 0) {

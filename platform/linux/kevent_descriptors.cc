@@ -315,7 +315,7 @@ void moveEntry(Kqueue& queue, Entry& entry, int to) {
 
 bool watchTicks(const Kqueue& queue, int epoll) {
     epoll_event event{};
-    event.events = EPOLLIN;
+    event.events = EPOLLIN | EPOLLET;
     event.data.u64 = kTickTag;
     return epoll_ctl(epoll, EPOLL_CTL_ADD, queue.tickFd, &event) == 0;
 }
@@ -327,6 +327,7 @@ bool rebuild(Kqueue& queue) {
         Entry* entries = queue.knotes.pages[page];
         for (size_t i = 0; entries != nullptr && i < kEntriesPerPage; ++i) moveEntry(queue, entries[i], made);
     }
+    queue.ticking = false;
     if (queue.tickNs != 0 && !watchTicks(queue, made)) queue.tickNs = 0;
     if (queue.waiters > 0) wakeAll(queue.fd);  // they wait on the instance that goes away
     const bool moved = dup3(made, queue.fd, O_CLOEXEC) != -1;

@@ -54,6 +54,7 @@ void resetQueue(Kqueue& queue, int fd) {
     ++queue.instance;
     queue.pollsChanged = false;
     queue.tickNs = 0;
+    queue.ticking = false;
     queue.uncounted = false;
     queue.epollSkipped = false;
 }

@@ -24,10 +24,12 @@ struct Kqueue {
     uint64_t call;      // counts the calls of kevent()
     uint64_t changes;   // counts the changes of descriptors' registrations
     uint32_t generations;
-    int waiters;     // threads that wait in epoll
-    uint32_t turn;   // of the sources of events
-    int64_t tickNs;  // how long a wait may be left to tickFd; 0: there is none
-    int tickFd;
+    int waiters;        // threads that wait in epoll
+    uint32_t turn;      // of the sources of events
+    int64_t tickNs;     // how long a wait may be left to tickFd; 0: there is none
+    int tickFd;         // ticks once more after each read
+    uint32_t busy;      // waits that ended with events, since the last tick or time-out
+    bool ticking;       // waits are left to tickFd
     bool pollsChanged;  // a timer or a polled entry is new: a waiting thread must look again
     bool kernelSeen;    // in this call epoll accepted the descriptor
     bool uncounted;     // the caller counts bytes by taking them

@@ -35,7 +35,7 @@ TEST_F(RvKQueueInit, ALoopThatNeverRanGivesEverythingBack) {
     for (int i = 0; i < 20; ++i) {
         auto idle = RvKQueue::initWithSubsystem(kTestSubsystem);
         ASSERT_TRUE(idle);
-        EXPECT_EQ(before + 2, openDescriptorCount());
+        EXPECT_EQ(before + 3, openDescriptorCount());
     }
     EXPECT_EQ(before, openDescriptorCount());
 }
