@@ -38,12 +38,11 @@ Device readDevice(MemberSorter<kKeys.size()>& sorter, const JsonObject& row) noe
 }
 
 bool isWhole(const Device& device) noexcept {
-    // Deliberate: beside `appPID` it is `pid` that must be a number (and is one by then), so an `appPID` of
+    // Deliberate: beside `appPID` it is `pid` that must be a number, which it is in any case, so an `appPID` of
     // any type passes and is read as a number. Held by DeviceReport.AppPidOfAnyTypePasses.
-    const bool appPIDPasses = device.appPID == nullptr || isNumber(device.pid);
     return isNumber(device.id) && isNumber(device.vid) && isNumber(device.pid) && isNumber(device.rev) &&
            isNumber(device.builtIn) && isString(device.port) && device.serial != nullptr &&
-           isString(device.name) && isString(device.state) && isAbsentOrString(device.addr) && appPIDPasses &&
+           isString(device.name) && isString(device.state) && isAbsentOrString(device.addr) &&
            isAbsentOrString(device.app);
 }
 

@@ -127,6 +127,12 @@ TEST(DeviceReport, AppPidOfAnyTypePasses) {
     }
 }
 
+TEST(DeviceReport, MembersThatNobodyKnowsMakeNoDifference) {
+    const std::string extra = R"(,"color":"red","weight":7,"appPID":9)";
+    EXPECT_EQ(report(listOf(device("1", extra) + "," + device("2", extra) + "," + device("3"))),
+              std::string(kHeader) + row("1", "") + row("2", "") + row("3", ""));
+}
+
 TEST(DeviceReport, AppPidWithoutAppIsNotShown) {
     EXPECT_EQ(report(listOf(device("1", R"(,"appPID":9)"))), std::string(kHeader) + row("1", ""));
 }

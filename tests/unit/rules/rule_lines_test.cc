@@ -108,6 +108,7 @@ TEST(RuleLines, LastByteIsAlwaysKept) {
         EXPECT_EQ(cut(last), (RuleStrings{last})) << byte;
         EXPECT_EQ(cut("a # comment" + last), (RuleStrings{"a " + last})) << byte;
         EXPECT_EQ(cut("a\n \t" + last), (RuleStrings{"a", last})) << byte;
+        EXPECT_EQ(cut("a \"b" + last), (RuleStrings{"a \"b" + last})) << byte;
     }
 }
 
