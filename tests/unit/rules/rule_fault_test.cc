@@ -96,6 +96,17 @@ TEST(RuleFaults, LoaderReportsALackOfMemory) {
     EXPECT_GT(needed, 0);
 }
 
+// The name comes first, so that there is never a file that nobody is told of.
+TEST(RuleFaults, NoTemporaryFileWithoutMemoryForItsName) {
+    const JsonObject list = boost::json::parse(R"({"rules":[]})").as_object();
+    CapturedStderr messages;
+    allocationsLeft = 0;
+    const auto path = rules2file(list);
+    allocationsLeft = -1;
+    EXPECT_FALSE(path);
+    EXPECT_EQ(messages.take(), "Cannot create temporary file.\n");
+}
+
 TEST(RuleFaults, PrinterNeedsNoMemory) {
     const JsonObject list =
         boost::json::parse(R"({"rules":[{"action":"share","host":["a"],"vid":1}]})").as_object();
