@@ -19,6 +19,7 @@ class Sweep : public ::testing::TestWithParam<Scene> {
   protected:
     static Outcome runWithFault(const Scene& scene, long first, long times) {
         cli::Command command = fault::prepare(scene);
+        std::filesystem::remove(kMark);
         if (scene.edits && times == kForEver) {
             command.text = "n\n";  // another try would fail as well
         }

@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <thread>
+#include <vector>
 
 #include "fault/user_text.h"
 
@@ -130,19 +130,21 @@ void expectMessage(const cli::Result& tool, const cli::Result& whole) {
     }
 }
 
-bool isKept(std::string_view text) {
-    const fs::directory_iterator files("/tmp");
-    return std::any_of(begin(files), end(files), [&](const fs::directory_entry& entry) {
-        return entry.path().filename().string().starts_with("tmp.") && cli::readFile(entry.path()) == text;
-    });
+/// What `rule edit` has left behind. Other things in /tmp are left alone: a source tree may be among them.
+std::vector<fs::path> editedCopies() {
+    std::vector<fs::path> copies;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/tmp")) {
+        if (entry.is_regular_file() && entry.path().filename().string().starts_with("tmp.")) {
+            copies.push_back(entry.path());
+        }
+    }
+    return copies;
 }
 
-std::size_t copies() {
-    const fs::directory_iterator files("/tmp");
-    return static_cast<std::size_t>(
-        std::count_if(begin(files), end(files), [](const fs::directory_entry& entry) {
-            return entry.path().filename().string().starts_with("tmp.");
-        }));
+bool isKept(std::string_view text) {
+    const std::vector<fs::path> copies = editedCopies();
+    return std::any_of(copies.begin(), copies.end(),
+                       [&](const fs::path& copy) { return cli::readFile(copy) == text; });
 }
 
 }  // namespace
@@ -195,9 +197,10 @@ std::vector<Scene> scenes() {
 }
 
 cli::Command prepare(const Scene& scene) {
-    for (const fs::directory_entry& entry : fs::directory_iterator("/tmp")) {
-        fs::remove_all(entry.path());
+    for (const fs::path& copy : editedCopies()) {
+        fs::remove(copy);
     }
+    fs::remove(kEdited);
     cli::writeFile(kRuleFile, kUserText + kLongRule);
     cli::Command command = cli::tool(scene.words);
     command.text = scene.input;
@@ -260,11 +263,11 @@ void expectDefinedEnd(const Scene& scene, const Outcome& run, const Outcome& who
         return;
     }
     if (tool.status == 0) {
-        EXPECT_EQ(0U, copies());
+        EXPECT_EQ(0U, editedCopies().size());
     } else if (fs::exists(kEdited)) {
         EXPECT_TRUE(isKept(kUserText)) << "the user's text is lost";
     } else if (tool.out.empty()) {
-        EXPECT_EQ(0U, copies()) << "a file that the user was not told of";
+        EXPECT_EQ(0U, editedCopies().size()) << "a file that the user was not told of";
     }
 }
 
