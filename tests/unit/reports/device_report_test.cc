@@ -216,7 +216,8 @@ TEST(DeviceReport, ListLargerThanTheWritersBuffer) {
     std::string devices;
     std::string expected(kHeader);
     for (int i = 0; i < 5000; ++i) {
-        devices += (i > 0 ? "," : "") + device("1");
+        devices += i > 0 ? "," : "";
+        devices += device("1");
         expected += row("1", "");
     }
     EXPECT_EQ(report(listOf(devices)), expected);
