@@ -56,7 +56,7 @@ class ByteBuffer {
     std::size_t length = 0;   ///< how many there are
     std::size_t capacity = 0;
     unsigned sparseDrops = 0;  ///< in a row that found little in much storage
-    char nothing = 0;  ///< what data() shows of a buffer without storage
+    char nothing = 0;          ///< what data() shows of a buffer without storage
 };
 
 #endif

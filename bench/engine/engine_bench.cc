@@ -51,7 +51,7 @@ template <class Job>
 void compare(benchmark::State& state, double units, Job job) {
     std::array<std::vector<double>, kPeers.size()> walls;
     std::array<std::vector<double>, kPeers.size()> cpus;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         double sum = 0;
         for (std::size_t i = 0; i < kPeers.size(); ++i) {
             const Cost cost = job(*kPeers[i]);

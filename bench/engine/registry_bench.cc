@@ -58,7 +58,7 @@ class CrowdedLoop {
 /// Per turn that opens and closes one endpoint beside this many others.
 void openAndClose(benchmark::State& state) {
     CrowdedLoop loop(static_cast<std::size_t>(state.range(0)));
-    for (auto _ : state) loop.openAndClose();
+    while (state.KeepRunning()) loop.openAndClose();
 }
 
 /// "core_percent" is what all threads use of one core while nothing happens.
@@ -68,7 +68,7 @@ void idle(benchmark::State& state) {
     loop.openAndClose();  // all endpoints are armed by then
     double wall = 0;
     double cpu = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         const double wallBefore = wallSeconds();
         const double cpuBefore = cpuSeconds();
         std::this_thread::sleep_for(kWatched);
