@@ -31,14 +31,16 @@ class Sweep : public ::testing::TestWithParam<Scene> {
     }
 
     static void sweep(const Scene& scene, long times) {
-        const Outcome whole = fault::runScene(fault::prepare(scene), scene);
-        ASSERT_EQ(scene.status, whole.exchange.tool.status) << whole.exchange.tool.err;
+        const cli::Exchange whole = cli::converse(fault::prepare(scene), scene.script);
+        ASSERT_EQ(scene.status, whole.tool.status) << whole.tool.err;
         long waits = 0;
         for (long first = 1; first < kMoreThanEnough; ++first) {
             SCOPED_TRACE("request for memory " + std::to_string(first));
             const Outcome run = runWithFault(scene, first, times);
             if (!std::filesystem::exists(kMark)) {
-                EXPECT_EQ(whole.exchange.tool.out.size(), run.exchange.tool.out.size());
+                if (!run.waited) {  // a slow machine may have made it lose its connection
+                    EXPECT_EQ(whole.tool.out.size(), run.exchange.tool.out.size());
+                }
                 EXPECT_GT(first, 10) << "nothing was made to fail";
                 RecordProperty("requests", static_cast<int>(first - 1));
                 RecordProperty("waits", static_cast<int>(waits));

@@ -1,11 +1,13 @@
 #include "fault/commands_under_fault.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <thread>
 #include <vector>
 
 #include "fault/user_text.h"
@@ -38,8 +40,6 @@ constexpr char kEvent[] = R"({"id":3,"name":"A name that takes memory of its own
 // How long a tool may be silent before it counts as waiting. Too short a time can only make a run end with
 // "connection terminated", which is a defined end as well.
 constexpr std::chrono::milliseconds kPatience{400};
-// And how long one may take to notice that its connection is closed.
-constexpr std::chrono::milliseconds kLimit{1000};
 
 Script replies(std::initializer_list<std::pair<std::uint32_t, std::string_view>> rows) {
     Script script;
@@ -210,15 +210,12 @@ cli::Command prepare(const Scene& scene) {
 
 namespace {
 
-bool endsWithin(cli::Process& process, std::chrono::milliseconds time) {
-    const auto limit = std::chrono::steady_clock::now() + time;
-    while (process.isRunning()) {
-        if (std::chrono::steady_clock::now() > limit) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+bool endsWithin(const cli::Process& process, std::chrono::milliseconds time) {
+    const auto pidfd = static_cast<int>(::syscall(SYS_pidfd_open, process.pid(), 0));
+    pollfd end{pidfd, POLLIN, 0};
+    const int ready = ::poll(&end, 1, static_cast<int>(time.count()));
+    ::close(pidfd);
+    return ready == 1;
 }
 
 }  // namespace
@@ -230,7 +227,7 @@ Outcome runScene(const cli::Command& command, const Scene& scene) {
     if (!endsWithin(process, kPatience)) {
         run.waited = true;
         daemon.finish();
-        if (!endsWithin(process, kLimit)) {
+        if (!endsWithin(process, cli::kLimit)) {
             run.hung = true;
             process.kill(SIGKILL);
         }
@@ -239,7 +236,7 @@ Outcome runScene(const cli::Command& command, const Scene& scene) {
     return run;
 }
 
-void expectDefinedEnd(const Scene& scene, const Outcome& run, const Outcome& whole, Output output) {
+void expectDefinedEnd(const Scene& scene, const Outcome& run, const cli::Exchange& whole, Output output) {
     const cli::Result& tool = run.exchange.tool;
     if (run.hung) {
         ADD_FAILURE() << "the tool hangs";
@@ -247,17 +244,17 @@ void expectDefinedEnd(const Scene& scene, const Outcome& run, const Outcome& who
     }
     ASSERT_EQ(0, tool.signal) << tool.err;
     if (output == Output::kWhole) {
-        expectMessage(tool, whole.exchange.tool);
+        expectMessage(tool, whole.tool);
     } else {
-        EXPECT_TRUE(tool.status == whole.exchange.tool.status || tool.status == 5 || tool.status == 12);
+        EXPECT_TRUE(tool.status == whole.tool.status || tool.status == 5 || tool.status == 12);
     }
     if (scene.name != "Monitor") {
-        EXPECT_LE(run.exchange.requests.size(), whole.exchange.requests.size());
+        EXPECT_LE(run.exchange.requests.size(), whole.requests.size());
     }
-    const std::size_t count = std::min(run.exchange.requests.size(), whole.exchange.requests.size());
+    const std::size_t count = std::min(run.exchange.requests.size(), whole.requests.size());
     for (std::size_t at = 0; at < count; ++at) {
-        EXPECT_EQ(whole.exchange.requests[at].code, run.exchange.requests[at].code);
-        EXPECT_EQ(whole.exchange.requests[at].body, run.exchange.requests[at].body);
+        EXPECT_EQ(whole.requests[at].code, run.exchange.requests[at].code);
+        EXPECT_EQ(whole.requests[at].body, run.exchange.requests[at].body);
     }
     if (!scene.edits) {
         return;

@@ -33,8 +33,8 @@ std::vector<Scene> scenes();
 /// Removes what an earlier run has left in /tmp and writes the rule file.
 cli::Command prepare(const Scene& scene);
 
-/// Runs the command. A tool that still runs long after it has been left waiting gets its connection closed,
-/// which must end it.
+/// Runs the command with its fault. A tool that still runs long after it has been left waiting gets its
+/// connection closed, which must end it.
 struct Outcome {
     cli::Exchange exchange;
     bool waited = false;
@@ -48,8 +48,8 @@ enum class Output { kWhole, kMayBeCut };
 /// What holds after any fault: a message and a status that belong together, nothing but whole requests, only
 /// those of the undisturbed run and in its order, and the user's text in its file unless it was committed.
 ///
-/// whole  the undisturbed run
-void expectDefinedEnd(const Scene& scene, const Outcome& run, const Outcome& whole,
+/// whole  the undisturbed run, which is waited for without impatience
+void expectDefinedEnd(const Scene& scene, const Outcome& run, const cli::Exchange& whole,
                       Output output = Output::kWhole);
 
 /// The path that `rule edit` tells differs from run to run.

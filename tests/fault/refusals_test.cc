@@ -14,7 +14,6 @@
 namespace {
 
 using cli::Script;
-using fault::Outcome;
 using fault::Scene;
 
 class Refusal : public ::testing::TestWithParam<Scene> {};
@@ -84,7 +83,7 @@ bool waitForState(pid_t pid, bool stopped) {
 
 // Stopping and continuing ends some waits early, which then have to be begun again.
 TEST_P(Refusal, StoppedAndContinuedAtEachWait) {
-    const Outcome whole = fault::runScene(fault::prepare(GetParam()), GetParam());
+    const cli::Exchange whole = cli::converse(fault::prepare(GetParam()), GetParam().script);
     std::size_t holds = 0;
     cli::FakeDaemon daemon(withHolds(GetParam().script, &holds));
     cli::Process process(fault::prepare(GetParam()));
@@ -99,11 +98,11 @@ TEST_P(Refusal, StoppedAndContinuedAtEachWait) {
         daemon.release();
     }
     const cli::Exchange exchange = cli::finish(process, daemon);
-    EXPECT_EQ(whole.exchange.tool.status, exchange.tool.status);
+    EXPECT_EQ(whole.tool.status, exchange.tool.status);
     if (GetParam().name != "Monitor") {  // whose lines tell the time
-        EXPECT_EQ(fault::withoutPath(whole.exchange.tool.out), fault::withoutPath(exchange.tool.out));
+        EXPECT_EQ(fault::withoutPath(whole.tool.out), fault::withoutPath(exchange.tool.out));
     }
-    EXPECT_EQ(whole.exchange.tool.err, exchange.tool.err);
+    EXPECT_EQ(whole.tool.err, exchange.tool.err);
 }
 
 std::string nameOf(const ::testing::TestParamInfo<Scene>& scene) {

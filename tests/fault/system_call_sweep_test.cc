@@ -140,7 +140,7 @@ class Sweep : public ::testing::TestWithParam<Scene> {
     }
 
     /// Returns the tool's exit status.
-    static int check(const Scene& scene, const Outcome& whole, const Fault& fault) {
+    static int check(const Scene& scene, const cli::Exchange& whole, const Fault& fault) {
         SCOPED_TRACE(fault.error + " from " + fault.call + " number " + std::to_string(fault.number));
         const std::string injection =
             "inject=" + fault.call + ":error=" + fault.error + ":when=" + std::to_string(fault.number);
@@ -153,9 +153,10 @@ class Sweep : public ::testing::TestWithParam<Scene> {
     }
 
     static void sweep(const Scene& scene) {
-        const Outcome whole = fault::runScene(
-            traced(fault::prepare(scene), {"-e", "trace=!restart_syscall", "-e", "signal=none"}), scene);
-        ASSERT_EQ(scene.status, whole.exchange.tool.status) << whole.exchange.tool.err;
+        const cli::Exchange whole = cli::converse(
+            traced(fault::prepare(scene), {"-e", "trace=!restart_syscall", "-e", "signal=none"}),
+            scene.script);
+        ASSERT_EQ(scene.status, whole.tool.status) << whole.tool.err;
         int faults = 0;
         int noticed = 0;
         for (const auto& [call, number] : callsIn(cli::readFile(kTrace))) {
@@ -165,7 +166,7 @@ class Sweep : public ::testing::TestWithParam<Scene> {
             }
             for (const std::string& error : errors->second) {
                 const int status = check(scene, whole, {call, error, number});
-                noticed += status == whole.exchange.tool.status ? 0 : 1;
+                noticed += status == whole.tool.status ? 0 : 1;
                 ++faults;
             }
         }
