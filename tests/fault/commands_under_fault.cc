@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <vector>
 
@@ -218,10 +221,18 @@ bool endsWithin(const cli::Process& process, std::chrono::milliseconds time) {
     return ready == 1;
 }
 
+/// Waits for what the tool has left running: after a failed wait its editor, which would write into the next
+/// run.
+void waitForOrphans() {
+    while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+    }
+}
+
 }  // namespace
 
 Outcome runScene(const cli::Command& command, const Scene& scene) {
     Outcome run;
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     cli::FakeDaemon daemon(scene.script);
     cli::Process process(command);
     if (!endsWithin(process, kPatience)) {
@@ -233,6 +244,7 @@ Outcome runScene(const cli::Command& command, const Scene& scene) {
         }
     }
     run.exchange = cli::finish(process, daemon);
+    waitForOrphans();
     return run;
 }
 
