@@ -20,8 +20,9 @@ TEST(JsonReads, NumberIsABoolean) {
     const struct {
         JsonValue value;
         bool expected;
-    } rows[] = {{0, false},   {1, true},   {-1, true},    {256, true},
-                {0.0, false}, {0.5, true}, {-0.0, false}, {std::numeric_limits<std::uint64_t>::max(), true}};
+    } rows[] = {{0, false},   {1, true},   {-1, true},   {256, true},
+                {0U, false},  {1U, true},  {2U, true},   {std::numeric_limits<std::uint64_t>::max(), true},
+                {0.0, false}, {0.5, true}, {-0.0, false}};
     for (const auto& [value, expected] : rows) {
         EXPECT_EQ(asBool(&value), expected) << value.kind();
     }
