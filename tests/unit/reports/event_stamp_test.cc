@@ -37,6 +37,7 @@ char* __wrap_asctime_r(const std::tm* when, char* out) {
         return nullptr;
     }
     out[0] = '\0';
+    out[1] = 'x';  // what stands behind an empty text is no part of it
     if (text == Text::kUsual) {
         (void)std::strftime(out, 32, "%a %b %d %H:%M:%S %Y\n", when);
     }
@@ -91,6 +92,24 @@ TEST_F(EventStamp, IsADashWhenTheTimeCannotBeConverted) {
               "- rule list changed\n"
               "- rule list changed\n"
               "[Sun Sep 09 01:46:40 2001]: rule list changed\n");
+}
+
+TEST_F(EventStamp, OfAnEarlierSecondIsNotKeptWhenTheTimeCannotBeConverted) {
+    const std::string lines = printed("{}", [](const JsonObject& event, std::FILE* stream) {
+        EventMonitor monitor(stream);
+        EXPECT_TRUE(monitor.print(kCmdRuleListEvent, event));
+        ++now;
+        hasLocalTime = false;
+        EXPECT_TRUE(monitor.print(kCmdRuleListEvent, event));
+        EXPECT_TRUE(monitor.print(kCmdRuleListEvent, event));
+        hasLocalTime = true;
+        EXPECT_TRUE(monitor.print(kCmdRuleListEvent, event));
+    });
+    EXPECT_EQ(lines,
+              "[Sun Sep 09 01:46:40 2001]: rule list changed\n"
+              "- rule list changed\n"
+              "- rule list changed\n"
+              "[Sun Sep 09 01:46:41 2001]: rule list changed\n");
 }
 
 TEST_F(EventStamp, IsMadeForEveryFrame) {
