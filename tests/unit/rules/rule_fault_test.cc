@@ -1,6 +1,12 @@
 // Fails one allocation after the other: each failure is a documented message and never anything worse.
+// Linked with --wrap=fdopen.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <array>
+#include <cerrno>
+#include <cstdio>
 #include <string>
 
 #include "captured_stderr.h"
@@ -8,6 +14,33 @@
 #include "rule_text.h"
 #include "rules/rule_file.h"
 #include "rules/rule_parser.h"
+
+namespace {
+
+bool streamsFail = false;
+int refusedDescriptor = -1;
+std::string refusedFile;
+
+}  // namespace
+
+extern "C" {
+
+std::FILE* __real_fdopen(int fd, const char* mode);
+std::FILE* __wrap_fdopen(int fd, const char* mode);
+
+std::FILE* __wrap_fdopen(int fd, const char* mode) {
+    if (!streamsFail) {
+        return __real_fdopen(fd, mode);
+    }
+    std::array<char, 100> path{};
+    (void)!::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path.data(), path.size() - 1);
+    refusedDescriptor = fd;
+    refusedFile = path.data();
+    errno = ENOMEM;
+    return nullptr;
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -105,6 +138,19 @@ TEST(RuleFaults, NoTemporaryFileWithoutMemoryForItsName) {
     allocationsLeft = -1;
     EXPECT_FALSE(path);
     EXPECT_EQ(messages.take(), "Cannot create temporary file.\n");
+}
+
+TEST(RuleFaults, NoTemporaryFileIsLeftWithoutAStreamForIt) {
+    const JsonObject list = boost::json::parse(R"({"rules":[]})").as_object();
+    CapturedStderr messages;
+    streamsFail = true;
+    const auto path = rules2file(list);
+    streamsFail = false;
+    EXPECT_FALSE(path);
+    EXPECT_EQ(messages.take(), "Cannot create reopen file.\n");
+    EXPECT_TRUE(refusedFile.starts_with("/tmp/tmp.")) << refusedFile;
+    EXPECT_NE(::access(refusedFile.c_str(), F_OK), 0);
+    EXPECT_EQ(::fcntl(refusedDescriptor, F_GETFD), -1) << "it has been closed";
 }
 
 TEST(RuleFaults, PrinterNeedsNoMemory) {

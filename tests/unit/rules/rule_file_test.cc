@@ -5,8 +5,10 @@
 #include <stdio_ext.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -104,6 +106,42 @@ TEST_F(LoadAnyFile, LeavesNoDescriptorOpen) {
     EXPECT_EQ(after, before + 2);  // CapturedStderr holds two
 }
 
+/// No standard input while this lives: the next file opened takes its number.
+class NoStdin {
+  public:
+    NoStdin() : saved_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)) { (void)::close(STDIN_FILENO); }
+    ~NoStdin() {
+        (void)::dup2(saved_, STDIN_FILENO);
+        (void)::close(saved_);
+    }
+    NoStdin(const NoStdin&) = delete;
+    NoStdin& operator=(const NoStdin&) = delete;
+
+  private:
+    int saved_;
+};
+
+TEST_F(LoadAnyFile, DescriptorZeroIsADescriptor) {
+    const std::string path = write("content", "share\n");
+    std::optional<std::string> content;
+    int after = -1;
+    {
+        const NoStdin none;
+        errno = EINTR;  // of an earlier call; opening has not failed
+        content = load_any_file(path.c_str(), "rules");
+        after = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        (void)::close(after);
+    }
+    EXPECT_EQ(content, "share\n");
+    EXPECT_EQ(after, 0) << "it has been closed again, and no other has been opened";
+}
+
+TEST_F(LoadAnyFile, EndIsNoInterruption) {
+    const std::string path = write("content", "");
+    errno = EINTR;  // of an earlier call
+    EXPECT_EQ(load_any_file(path.c_str(), "rules"), "");
+}
+
 TEST_F(LoadAnyFile, FailuresNameThePath) {
     CapturedStderr messages;
     EXPECT_FALSE(load_any_file("/tmp/rule-file-test/missing", "rules"));
@@ -160,10 +198,15 @@ TEST_F(LoadAnyFile, StandardInputThatCannotBeRead) {
 
 void ignoreSignal(int) {}
 
-TEST_F(LoadAnyFile, SignalsDoNotCutStandardInputShort) {
+/// SIGUSR1 interrupts what the thread waits for: its handler is without SA_RESTART.
+void letSignalsInterrupt() {
     struct sigaction action = {};
-    action.sa_handler = ignoreSignal;  // without SA_RESTART: reads are interrupted
+    action.sa_handler = ignoreSignal;
     ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
+}
+
+TEST_F(LoadAnyFile, SignalsDoNotCutStandardInputShort) {
+    ASSERT_NO_FATAL_FAILURE(letSignalsInterrupt());
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     const pthread_t reader = ::pthread_self();
@@ -182,6 +225,41 @@ TEST_F(LoadAnyFile, SignalsDoNotCutStandardInputShort) {
     writer.join();
     ASSERT_TRUE(content);
     EXPECT_EQ(content->size(), 2000U);
+}
+
+/// Whether the thread waits in the system call `number`; true as well where the system does not tell.
+bool waitsIn(pid_t thread, long number) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/syscall");
+    long call = -1;
+    return !file || ((file >> call) && call == number);
+}
+
+TEST_F(LoadAnyFile, SignalsDoNotCutAPipeShort) {
+    ASSERT_NO_FATAL_FAILURE(letSignalsInterrupt());
+    ASSERT_EQ(::mkfifo(in("pipe").c_str(), 0600), 0);
+    const pthread_t reader = ::pthread_self();
+    const pid_t readerId = ::gettid();
+    const auto interruptIn = [reader, readerId](long call) {
+        for (int times = 0; times < 20; ++times) {
+            while (!waitsIn(readerId, call)) {
+                std::this_thread::yield();
+            }
+            (void)::pthread_kill(reader, SIGUSR1);
+        }
+    };
+    std::thread writer([&interruptIn] {
+        interruptIn(SYS_openat);
+        const int pipe = ::open(in("pipe").c_str(), O_WRONLY | O_CLOEXEC);
+        for (int piece = 0; piece < 10; ++piece) {
+            interruptIn(SYS_read);
+            EXPECT_EQ(::write(pipe, "0123456789", 10), 10);
+        }
+        (void)::close(pipe);
+    });
+    const auto content = load_any_file(in("pipe").c_str(), "rules");
+    writer.join();
+    ASSERT_TRUE(content);
+    EXPECT_EQ(content->size(), 100U);
 }
 
 TEST_F(LoadRuleFile, GivesTheRecords) {
