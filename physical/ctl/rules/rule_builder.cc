@@ -4,10 +4,27 @@
 #include <bit>
 #include <cstddef>
 
-#include "ipc/json_text.h"
+#include "ipc/byte_words.h"
 #include "rules/rule_parser.h"
 
 namespace {
+
+/// The first eight bytes of a keyword as a token's are compared with them.
+constexpr ByteWord frontOf(std::string_view text) noexcept {
+    ByteWord word = 0;
+    for (std::size_t at = 0; at < std::min(text.size(), kByteWordSize); ++at) {
+        word |= ByteWord{static_cast<unsigned char>(text[at])} << (8 * at);
+    }
+    return word;
+}
+
+constexpr std::array<ByteWord, kRuleKeywords.size()> kKeywordFronts = [] {
+    std::array<ByteWord, kRuleKeywords.size()> fronts{};
+    for (std::size_t at = 0; at < fronts.size(); ++at) {
+        fronts[at] = frontOf(kRuleKeywords[at].text);
+    }
+    return fronts;
+}();
 
 /// For each byte, where the keywords begin that begin with it; the table's size where there is none.
 constexpr std::array<std::uint8_t, 256> kFirstKeyword = [] {
@@ -22,9 +39,13 @@ constexpr std::array<std::uint8_t, 256> kFirstKeyword = [] {
 
 /// token  not empty
 const RuleKeyword* findKeyword(std::string_view token) noexcept {
+    const ByteWord front =
+        token.size() < kByteWordSize ? shortByteWord(token.data(), token.size()) : loadByteWord(token.data());
     std::size_t at = kFirstKeyword[static_cast<unsigned char>(token.front())];
     for (; at < kRuleKeywords.size() && kRuleKeywords[at].text.front() == token.front(); ++at) {
-        if (kRuleKeywords[at].text == token) {
+        const std::string_view keyword = kRuleKeywords[at].text;
+        if (kKeywordFronts[at] == front && keyword.size() == token.size() &&
+            (token.size() <= kByteWordSize || keyword == token)) {
             return &kRuleKeywords[at];
         }
     }
@@ -43,7 +64,7 @@ bool endsHost(char byte) noexcept {
     return byte == ',' || isRuleSpace(byte);
 }
 
-/// What stands before the value of a member that is not the first, for each field: a comma and the key.
+/// What stands before the value of a member, for each field: the comma or brace before it, and the key.
 struct MemberStart {
     std::array<char, 24> bytes;
     std::size_t size;
@@ -54,7 +75,7 @@ constexpr std::array<MemberStart, kRuleFieldCount> kMemberStarts = [] {
     for (std::size_t field = 0; field < starts.size(); ++field) {
         MemberStart& start = starts[field];
         const auto put = [&start](char byte) { start.bytes.at(start.size++) = byte; };
-        put(',');
+        put(field == index(RuleField::kAction) ? '{' : ',');  // a record has an action, and has it first
         put('"');
         for (const char byte : kRuleFields[field].key) {
             put(byte);
@@ -65,15 +86,15 @@ constexpr std::array<MemberStart, kRuleFieldCount> kMemberStarts = [] {
     return starts;
 }();
 
-void appendHosts(std::string& json, std::string_view argument) {
-    json += '[';
+void addHosts(JsonText& json, std::string_view argument) {
+    json.add("[");
+    bool first = true;
     for (std::string_view host = takeHost(argument); !host.empty(); host = takeHost(argument)) {
-        if (json.back() != '[') {
-            json += ',';
-        }
-        appendJsonString(json, host);
+        json.add(first ? "" : ",");
+        json.addString(host);
+        first = false;
     }
-    json += ']';
+    json.add("]");
 }
 
 }  // namespace
@@ -194,29 +215,26 @@ bool RuleBuilder::takeTriple(std::string_view token) noexcept {
     return count != 0;
 }
 
-void RuleBuilder::appendValue(std::string& json, RuleField field) const {
+void RuleBuilder::addValue(JsonText& json, RuleField field) const {
     const std::size_t at = index(field);
     switch (kRuleFields[at].value) {
         case RuleValue::kString:
-            return appendJsonString(json, {texts_[at].data, texts_[at].size});
+            return json.addString({texts_[at].data, texts_[at].size});
         case RuleValue::kStrings:
-            return appendHosts(json, {texts_[at].data, texts_[at].size});
+            return addHosts(json, {texts_[at].data, texts_[at].size});
         case RuleValue::kNumber:
-            return appendJsonNumber(json, numbers_[at]);
+            return json.addNumber(numbers_[at]);
         case RuleValue::kBoolean:
-            json += numbers_[at] != 0 ? "true" : "false";
-            return;
+            return json.add(numbers_[at] != 0 ? "true" : "false");
     }
 }
 
-void RuleBuilder::appendRecord(std::string& json) const {
-    const std::size_t start = json.size();
+void RuleBuilder::addRecord(JsonText& json) const {
     for (std::uint32_t left = present_; left != 0; left &= left - 1) {
         const auto field = static_cast<RuleField>(std::countr_zero(left));
         const MemberStart& member = kMemberStarts[index(field)];
-        json.append(member.bytes.data(), member.size);
-        appendValue(json, field);
+        json.add(member.bytes, member.size);
+        addValue(json, field);
     }
-    json[start] = '{';  // in place of the first member's comma
-    json += '}';
+    json.add("}");
 }

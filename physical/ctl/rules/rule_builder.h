@@ -5,9 +5,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
+#include "ipc/json_text.h"
 #include "rules/rule_record.h"
 
 /// Removes the first host from `rest`, the argument of `host` or what is left of it. Hosts are the pieces
@@ -16,20 +16,20 @@
 /// Returns the host, or an empty view when there is none left.
 std::string_view takeHost(std::string_view& rest) noexcept;
 
-/// Takes tokens one by one. Until appendRecord() everything is a view, so that a refused line costs no memory
+/// Takes tokens one by one. Until addRecord() everything is a view, so that a refused line costs no memory
 /// and a rule that is only to be sent never becomes a JSON value. Used by one thread.
 class RuleBuilder {
   public:
     RuleBuilder() noexcept {}  // leaves the values of absent fields unset
 
-    /// Takes the next token; it must stay valid until appendRecord(). False when the line is refused.
+    /// Takes the next token; it must stay valid until addRecord(). False when the line is refused.
     bool take(std::string_view token) noexcept;
 
     /// True when the tokens taken so far are a rule: there is an action.
     bool complete() const noexcept { return has(RuleField::kAction); }
 
-    /// Appends the record's JSON text to `json`, once it is complete. Throws std::bad_alloc.
-    void appendRecord(std::string& json) const;
+    /// Adds the record's JSON text to `json`, once it is complete. Throws std::bad_alloc.
+    void addRecord(JsonText& json) const;
 
   private:
     bool has(RuleField field) const noexcept { return (present_ & bit(field)) != 0; }
@@ -41,7 +41,7 @@ class RuleBuilder {
     bool takeMatch(std::string_view token) noexcept;
     bool takeText(std::string_view token) noexcept;
     bool takeTriple(std::string_view token) noexcept;
-    void appendValue(std::string& json, RuleField field) const;
+    void addValue(JsonText& json, RuleField field) const;
 
     static constexpr std::uint32_t bit(RuleField field) noexcept {
         return std::uint32_t{1} << static_cast<unsigned>(field);

@@ -1,35 +1,49 @@
 #include "rules/rule_lines.h"
 
-#include <array>
-
+#include "ipc/byte_words.h"
 #include "rules/rule_record.h"
 
 namespace {
 
-/// Bytes at which a run of kept bytes may have to stop.
-constexpr std::array<bool, 256> kSpecial = [] {
-    std::array<bool, 256> special{};
-    for (const char byte : {'\0', '\n', '"', '#', '\\'}) {
-        special[static_cast<unsigned char>(byte)] = true;
-    }
-    return special;
-}();
+/// Whether a run of kept bytes may have to stop at this one.
+constexpr bool mayStop(char byte) noexcept {
+    return byte == '\0' || byte == '\n' || byte == '#' || byte == '\\';
+}
 
-/// The first position from `at` on where a special byte is, or `last`.
-std::size_t findSpecial(std::string_view text, std::size_t at, std::size_t last) noexcept {
-    while (at < last && !kSpecial[static_cast<unsigned char>(text[at])]) {
-        ++at;
-    }
-    return at;
+/// Marks the bytes at which a run may have to stop, and some control characters with them.
+constexpr ByteWord markStops(ByteWord word) noexcept {
+    return bytesBelow(word, '\n' + 1) | bytesEqual(word, '#') | bytesEqual(word, '\\');
+}
+
+constexpr bool hasOddQuotes(ByteWord word) noexcept {
+    return (countBytes(word, '"') & 1) != 0;
 }
 
 }  // namespace
+
+/// The first position from `at` on where a run may have to stop, or `last`. Quotes on the way flip the flag.
+std::size_t RuleLines::findStop(std::size_t at, std::size_t last) noexcept {
+    while (last - at >= kByteWordSize) {
+        const ByteWord word = loadByteWord(text_.data() + at);
+        const ByteWord stops = markStops(word);
+        if (stops != 0) {
+            quoted_ = quoted_ != hasOddQuotes(wordBeforeMark(word, stops));
+            return at + bytesBeforeMark(stops);
+        }
+        quoted_ = quoted_ != hasOddQuotes(word);
+        at += kByteWordSize;
+    }
+    for (; at < last && !mayStop(text_[at]); ++at) {
+        quoted_ = quoted_ != (text_[at] == '"');
+    }
+    return at;
+}
 
 bool RuleLines::endsLine(std::size_t at) const noexcept {
     return text_[at] == '\n' || text_[at] == '\0';
 }
 
-/// Of a special byte other than a quote, not the last of the text.
+/// Of a byte that is not the last of the text.
 bool RuleLines::stopsRun(std::size_t at) const noexcept {
     switch (text_[at]) {
         case '#':
@@ -37,7 +51,7 @@ bool RuleLines::stopsRun(std::size_t at) const noexcept {
         case '\\':
             return text_[at + 1] == '\n';
         default:
-            return true;
+            return endsLine(at);
     }
 }
 
@@ -87,16 +101,11 @@ void RuleLines::append(std::string_view bytes) {
 void RuleLines::takeRun() {
     const std::size_t start = at_;
     const std::size_t last = text_.size() - 1;
-    for (std::size_t at = start;; ++at) {
-        at = findSpecial(text_, at, last);
-        if (at < last && text_[at] == '"') {
-            quoted_ = !quoted_;
-        } else if (at == last || stopsRun(at)) {
-            at_ = at;
-            append(text_.substr(start, at - start));
-            return;
-        }
+    at_ = findStop(start, last);
+    while (at_ < last && !stopsRun(at_)) {
+        at_ = findStop(at_ + 1, last);
     }
+    append(text_.substr(start, at_ - start));
 }
 
 // Hands out the current line, if it has any bytes, and begins the next one.

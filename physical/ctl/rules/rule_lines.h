@@ -21,6 +21,7 @@ class RuleLines {
 
   private:
     bool endsLine(std::size_t at) const noexcept;
+    std::size_t findStop(std::size_t at, std::size_t last) noexcept;
     bool stopsRun(std::size_t at) const noexcept;
     void skipLeadingSpace() noexcept;
     void skipComment() noexcept;

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "ipc/json_text.h"
 #include "rules/rule_builder.h"
 #include "rules/rule_lines.h"
 #include "rules/rule_tokens.h"
@@ -40,7 +41,7 @@ NextLine nextLine(RuleLines& lines, std::string_view& line) noexcept {
 
 /// The rule of one line is added to `rules`; false when the line is refused. The line is read once: each
 /// token goes to the builder as soon as it is known.
-bool appendRule(std::string_view line, std::string& arena, std::string& rules) noexcept {
+bool addRule(std::string_view line, bool isFirst, std::string& arena, JsonText& rules) noexcept {
     try {
         RuleTokens tokens(line, arena);
         RuleBuilder builder;
@@ -54,10 +55,10 @@ bool appendRule(std::string_view line, std::string& arena, std::string& rules) n
         if (step == RuleTokens::Step::kBad || !builder.complete()) {
             return false;
         }
-        if (rules.size() > 1) {
-            rules += ',';
+        if (!isFirst) {
+            rules.add(",");
         }
-        builder.appendRecord(rules);
+        builder.addRecord(rules);
         return true;
     } catch (...) {
         return false;
@@ -70,9 +71,10 @@ RuleSet refuse(const char* message) noexcept {
 }
 
 /// Closes the array.
-RuleSet finish(std::shared_ptr<std::string> rules) noexcept {
+RuleSet finish(std::shared_ptr<std::string> rules, JsonText& json) noexcept {
     try {
-        rules->push_back(']');
+        json.add("]");
+        json.flush();
         return rules;
     } catch (...) {
         return refuse("Memory allocation error.\n");
@@ -165,7 +167,9 @@ std::optional<JsonObject> rule_parser_line2dictionary(std::span<const std::strin
             return {};
         }
         std::string json;
-        builder.appendRecord(json);
+        JsonText record(json);
+        builder.addRecord(record);
+        record.flush();
         return std::move(boost::json::parse(json).get_object());
     } catch (...) {
         return {};
@@ -197,6 +201,7 @@ RuleSet rule_parser_run(std::string_view text) noexcept {
     if (!rules) {
         return refuse("Memory allocation error.\n");
     }
+    JsonText json(*rules);
     RuleLines lines(text);
     std::string arena;
     std::string_view line;
@@ -205,11 +210,11 @@ RuleSet rule_parser_run(std::string_view text) noexcept {
             case NextLine::kFound:
                 break;
             case NextLine::kNone:
-                return finish(std::move(rules));
+                return finish(std::move(rules), json);
             case NextLine::kFailed:
                 return refuse("Error parsing rule data.\n");
         }
-        if (!appendRule(line, arena, *rules)) {
+        if (!addRule(line, number == 1, arena, json)) {
             (void)std::fprintf(stderr, "Parsing error at rule #%lu\n", number);
             return {};
         }

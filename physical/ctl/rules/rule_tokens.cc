@@ -1,62 +1,71 @@
 #include "rules/rule_tokens.h"
 
-#include <array>
-
+#include "ipc/byte_words.h"
 #include "ipc/utf8.h"
 #include "rules/rule_record.h"
 
 namespace {
 
-using ByteSet = std::array<bool, 256>;
-
-/// The bytes at which a run of plain token bytes ends, outside quotes ([0]) and inside ([1]).
-constexpr std::array<ByteSet, 2> kStops = [] {
-    std::array<ByteSet, 2> stops{};
-    for (const char byte : {'"', '\\', ' ', '\t', '\n', '\v', '\f', '\r'}) {
-        const auto place = static_cast<unsigned char>(byte);
-        stops[0][place] = true;
-        stops[1][place] = byte == '"' || byte == '\\';
-    }
-    return stops;
-}();
-
-/// The first position from `at` on where a byte of `stops` is, or the line's end.
-std::size_t findStop(std::string_view line, std::size_t at, const ByteSet& stops) noexcept {
-    while (at < line.size() && !stops[static_cast<unsigned char>(line[at])]) {
-        ++at;
-    }
-    return at;
+/// Marks the bytes at which a run of plain token bytes ends outside quotes, and other control characters with
+/// them.
+constexpr ByteWord markStops(ByteWord word) noexcept {
+    return bytesBelow(word, ' ' + 1) | bytesEqual(word, '"') | bytesEqual(word, '\\');
 }
 
-/// Looks at every byte, so that the compiler can look at many at once.
-bool isAscii(std::string_view bytes) noexcept {
-    unsigned char all = 0;
-    for (const char byte : bytes) {
-        all = static_cast<unsigned char>(all | static_cast<unsigned char>(byte));
-    }
-    return all <= 0x7f;
+/// Marks the bytes at which one ends inside quotes.
+constexpr ByteWord markQuotedStops(ByteWord word) noexcept {
+    return bytesEqual(word, '"') | bytesEqual(word, '\\');
+}
+
+bool isStop(char byte, bool quoted) noexcept {
+    return byte == '"' || byte == '\\' || (!quoted && isRuleSpace(byte));
 }
 
 }  // namespace
 
-RuleTokens::RuleTokens(std::string_view line, std::string& arena) noexcept
-    : line_(line), arena_(arena), ascii_(isAscii(line)) {}
+RuleTokens::RuleTokens(std::string_view line, std::string& arena) noexcept : line_(line), arena_(arena) {}
 
-// Adds bytes of the line to the buffer. The arena gets its full size at once: all tokens together are no
-// longer than their line, so it never moves under the tokens that point into it.
+/// The first position from `at` on where a run of plain bytes ends, or the line's end. Looks out for bytes
+/// above 0x7f on the way.
+std::size_t RuleTokens::findStop(std::size_t at) noexcept {
+    while (line_.size() - at >= kByteWordSize) {
+        const ByteWord word = loadByteWord(line_.data() + at);
+        const ByteWord stops = quoted_ ? markQuotedStops(word) : markStops(word);
+        if (stops == 0) {
+            seen_ |= word;
+            at += kByteWordSize;
+            continue;
+        }
+        seen_ |= wordBeforeMark(word, stops);
+        at += bytesBeforeMark(stops);
+        if (isStop(line_[at], quoted_)) {
+            return at;
+        }
+        ++at;
+    }
+    for (; at < line_.size() && !isStop(line_[at], quoted_); ++at) {
+        seen_ |= static_cast<unsigned char>(line_[at]);
+    }
+    return at;
+}
+
+/// Adds bytes of the line to the buffer.
 void RuleTokens::append(std::size_t start, std::size_t size) {
-    const std::string_view bytes = line_.substr(start, size);
+    if (size == 0) {
+        return;
+    }
     if (buffer_.empty()) {
-        buffer_ = bytes;
-        return;
-    }
-    if (bytes.empty()) {
-        return;
-    }
-    if (!copied_ && buffer_.data() + buffer_.size() == bytes.data()) {
+        buffer_ = line_.substr(start, size);
+    } else if (!copied_ && buffer_.data() + buffer_.size() == line_.data() + start) {
         buffer_ = {buffer_.data(), buffer_.size() + size};
-        return;
+    } else {
+        join(line_.substr(start, size));
     }
+}
+
+// The arena gets its full size at once: all tokens together are no longer than their line, so it never moves
+// under the tokens that point into it.
+void RuleTokens::join(std::string_view bytes) {
     if (!arenaReady_) {
         arena_.clear();
         arena_.reserve(line_.size());
@@ -67,7 +76,7 @@ void RuleTokens::append(std::size_t start, std::size_t size) {
         copied_ = true;
     }
     arena_.append(bytes);
-    const std::size_t total = buffer_.size() + size;
+    const std::size_t total = buffer_.size() + bytes.size();
     buffer_ = {arena_.data() + arena_.size() - total, total};
 }
 
@@ -85,9 +94,10 @@ void RuleTokens::skipSpace() noexcept {
 void RuleTokens::readBuffer() {
     buffer_ = {};
     copied_ = false;
+    seen_ = 0;
     while (at_ < line_.size()) {
         const std::size_t start = at_;
-        at_ = findStop(line_, start, kStops[quoted_ ? 1 : 0]);
+        at_ = findStop(start);
         append(start, at_ - start);
         if (at_ == line_.size()) {
             return;
@@ -96,9 +106,10 @@ void RuleTokens::readBuffer() {
         if (byte == '"') {
             quoted_ = !quoted_;
         } else if (byte == '\\') {
-            append(at_,
-                   std::min<std::size_t>(1, line_.size() - at_));  // the last byte of a line escapes nothing
-            at_ = std::min(at_ + 1, line_.size());
+            if (at_ < line_.size()) {  // the last byte of a line escapes nothing
+                seen_ |= static_cast<unsigned char>(line_[at_]);
+                append(at_++, 1);
+            }
         } else {
             skipSpace();
             if (!buffer_.empty()) {
@@ -115,7 +126,7 @@ bool RuleTokens::leavesQuoteOpen() const noexcept {
 }
 
 bool RuleTokens::isText(std::string_view token) const noexcept {
-    return ascii_ || isUtf8(token);
+    return (seen_ & kHighBits) == 0 || isUtf8(token);
 }
 
 // Deliberate: a leading "!" becomes a token of its own even when it was quoted or escaped, so no value can

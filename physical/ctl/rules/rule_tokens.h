@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "ipc/byte_words.h"
+
 /// Walks over one line once. A token that stands in the line without gaps is handed out as a view of the
 /// line; the others are put together in the arena. Used by one thread.
 class RuleTokens {
@@ -28,18 +30,20 @@ class RuleTokens {
 
   private:
     void readBuffer();
+    std::size_t findStop(std::size_t at) noexcept;
     void append(std::size_t start, std::size_t size);
+    void join(std::string_view bytes);
     void skipSpace() noexcept;
     bool leavesQuoteOpen() const noexcept;
     bool isText(std::string_view token) const noexcept;
 
     std::string_view line_;
     std::string& arena_;
-    bool ascii_;  ///< the line has no byte above 0x7f, so all of it is UTF-8
     bool arenaReady_ = false;
     bool quoted_ = false;
     bool copied_ = false;      ///< buffer_ is a piece of arena_, not of line_
     std::size_t at_ = 0;       ///< the first byte that has not been dealt with
+    ByteWord seen_ = 0;        ///< has a high bit set when the buffer holds a byte above 0x7f
     std::string_view buffer_;  ///< the token that is being read, or what is left of it after its "!"
 };
 
