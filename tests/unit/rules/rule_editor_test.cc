@@ -1,11 +1,14 @@
 // The editing cycle at a real terminal, with editors that are shell scripts and with those of the system.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "cli/process.h"
 
@@ -128,6 +131,57 @@ TEST_F(RunEditor, ProgramThatMayNotBeRun) {
     ASSERT_TRUE(process.waitForTerminal(kRetry));
     process.type("n\n");
     EXPECT_EQ(process.wait().err, "Cannot launch editor (13).\n");
+}
+
+// The text of the tool waits in a buffer where standard output is no terminal; the editor's does not.
+TEST_F(RunEditor, WhatHasBeenSaidComesBeforeTheEditor) {
+    addEditor("says", "echo editor");
+    cli::Command command = sessionWith("run", "says");
+    command.input = cli::Input::kText;
+    command.outputToTerminal = false;
+    command.environment["RV_SAY"] = "before\n";
+    EXPECT_EQ(cli::run(command).out, "before\neditor\nrun: true\n");
+}
+
+TEST_F(RunEditor, ChildThatIsNoEditorExitsWithOne) {
+    cli::Command command = sessionWith("run", "/missing");
+    command.environment["RV_SHOW_STATUS"] = "yes";
+    cli::Process process(command);
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    process.type("n\n");
+    EXPECT_EQ(process.wait().err, "Cannot launch editor (2).\nstatus 256\n");
+}
+
+/// Until a thread of the process waits in read(2); at once where the system does not tell.
+bool waitUntilItReads(pid_t process) {
+    const auto limit = std::chrono::steady_clock::now() + cli::kLimit;
+    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+    while (std::chrono::steady_clock::now() < limit) {
+        for (const auto& task : fs::directory_iterator(tasks)) {
+            std::ifstream file(task.path() / "syscall");
+            long call = -1;
+            if (!file || ((file >> call) && call == SYS_read)) {
+                return true;
+            }
+        }
+        std::this_thread::yield();
+    }
+    return false;
+}
+
+TEST_F(RunEditor, SignalAtTheQuestionIsNoAnswer) {
+    addEditor("fail", "exit 3");
+    cli::Command command = sessionWith("run", "fail");
+    command.environment["RV_INTERRUPT_READ"] = "yes";
+    cli::Process process(command);
+    ASSERT_TRUE(process.waitForTerminal(kRetry));
+    for (int times = 0; times < 3; ++times) {
+        ASSERT_TRUE(waitUntilItReads(process.pid()));
+        process.kill(SIGUSR1);
+    }
+    process.type("n\n");
+    EXPECT_EQ(count(process.wait().terminal, kRetry), 1U);
+    EXPECT_EQ(runs(), 1U);
 }
 
 TEST_F(RunEditor, AnyKeyButNTriesAgain) {
@@ -350,6 +404,22 @@ class JobControl : public EditorTest {
 TEST_F(JobControl, SuspendKeyStopsEditorAndTool) {
     addSuspendingEditor("exit 1");
     suspendAndResume("\x1a", 1);  // a second key could come before the tool has gone on as well
+}
+
+TEST_F(JobControl, SuspendKeyThatTheEditorIgnoresStopsNothing) {
+    addEditor("editor", "trap '' TSTP; echo ready; read line; echo \"got-$line\"");
+    cli::Process process(shell("editor"));
+    process.type(std::string(RV_SESSION_PATH) + " run " + kRulesPath + "\n");
+    ASSERT_TRUE(process.waitForTerminal("ready"));
+    process.type("\x1a");
+    ASSERT_TRUE(process.waitForTerminal("^Z"));
+    process.type("1\n");
+    ASSERT_TRUE(process.waitForTerminal("got-1"));
+    ASSERT_TRUE(process.waitForTerminal("run: true"));
+    process.type("exit 7\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(result.err.find("Stopped"), std::string::npos) << result.err;
+    EXPECT_EQ(result.status, 7);
 }
 
 TEST_F(JobControl, EditorThatStopsOnlyItself) {

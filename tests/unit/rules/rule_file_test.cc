@@ -304,6 +304,53 @@ TEST_F(Rules2File, WritesTheRulesWithoutNumbers) {
     fs::remove(*path);
 }
 
+TEST_F(Rules2File, DescriptorZeroIsADescriptor) {
+    testing::internal::CaptureStdout();
+    std::optional<std::string> path;
+    {
+        const NoStdin none;
+        path = rules2file(reply(R"({"rules":[{"action":"share"}]})"));
+    }
+    (void)testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(path);
+    EXPECT_EQ(read(*path), "share\n");
+    fs::remove(*path);
+}
+
+/// Standard output is a file while this lives, and what is written waits in the stream's buffer.
+class StdoutFile {
+  public:
+    explicit StdoutFile(const std::string& path) : saved_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
+        (void)std::fflush(stdout);
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        EXPECT_EQ(::dup2(fd, STDOUT_FILENO), STDOUT_FILENO);
+        (void)::close(fd);
+    }
+    ~StdoutFile() {
+        ::__fpurge(stdout);
+        (void)::dup2(saved_, STDOUT_FILENO);
+        (void)::close(saved_);
+    }
+    StdoutFile(const StdoutFile&) = delete;
+    StdoutFile& operator=(const StdoutFile&) = delete;
+
+  private:
+    int saved_;
+};
+
+TEST_F(Rules2File, NoteLeavesAtOnce) {
+    std::optional<std::string> path;
+    std::string shown;
+    {
+        const StdoutFile output(in("output"));
+        path = rules2file(reply(R"({"rules":[]})"));
+        shown = read(in("output"));
+    }
+    ASSERT_TRUE(path);
+    EXPECT_EQ(shown, "In case of error the copy of rules is put into \"" + *path + "\".\n");
+    fs::remove(*path);
+}
+
 TEST_F(Rules2File, FileIsNewAndTheOwnersAlone) {
     testing::internal::CaptureStdout();
     const auto first = rules2file(reply(R"({"rules":[]})"));

@@ -6,7 +6,9 @@
 //   rules_session ask PROMPT  areYouSure          says "ask: " and the answer, then what is left of the line
 //
 // With RV_FAIL_FORK, RV_FAIL_WAIT or RV_INTERRUPT_WAIT in the environment the system call fails, or is
-// interrupted a few times; the linker puts the functions below in the place of the real ones.
+// interrupted a few times; with RV_SHOW_STATUS standard error tells how the editor has ended. The linker puts
+// the functions below in the place of the real ones. With RV_SAY its text is what has been said before, with
+// RV_INTERRUPT_READ the signal SIGUSR1 interrupts what the thread reads.
 #include <pthread.h>
 #include <sys/types.h>
 
@@ -45,6 +47,9 @@ pid_t __wrap_waitpid(pid_t child, int* status, int options) {
         errno = ECHILD;
         return -1;
     }
+    if (std::getenv("RV_SHOW_STATUS") != nullptr) {
+        (void)std::fprintf(stderr, "status %d\n", *status);
+    }
     return result;
 }
 }
@@ -76,11 +81,33 @@ void checkDispositions() {
     }
 }
 
+void interrupt(int) {}
+
+void blockInterruption(int how) {
+    sigset_t signals;
+    (void)::sigemptyset(&signals);
+    (void)::sigaddset(&signals, SIGUSR1);
+    (void)::pthread_sigmask(how, &signals, nullptr);
+}
+
+/// Without SA_RESTART: what waits is interrupted.
+void catchInterruption() {
+    struct sigaction action = {};
+    action.sa_handler = interrupt;
+    (void)::sigaction(SIGUSR1, &action, nullptr);
+}
+
 void work(const char* what, const char* argument) {
     // The engine's thread is not where signals are taken; the editor must get them all the same.
     sigset_t all;
     (void)::sigfillset(&all);
     (void)::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    if (std::getenv("RV_INTERRUPT_READ") != nullptr) {
+        blockInterruption(SIG_UNBLOCK);
+    }
+    if (const char* const said = std::getenv("RV_SAY")) {
+        (void)std::fputs(said, stdout);
+    }
     if (std::strcmp(what, "run") == 0) {
         run(argument);
     } else if (std::strcmp(what, "edit") == 0) {
@@ -98,6 +125,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     (void)std::signal(SIGPIPE, SIG_IGN);
+    if (std::getenv("RV_INTERRUPT_READ") != nullptr) {
+        catchInterruption();
+        blockInterruption(SIG_BLOCK);  // the thread alone takes it
+    }
     std::thread(work, argv[1], argv[2]).join();
     return std::fflush(stdout);
 }
