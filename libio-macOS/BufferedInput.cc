@@ -49,16 +49,16 @@ Received readAvailable(int fd, std::int64_t available, ByteBuffer* rx) noexcept 
     return Received::kBytes;
 }
 
-void deliverBuffered(const EventBlockSlot& slot, RvKQueueEventProtocol* object, ByteBuffer* rx,
+void deliverBuffered(EventBlockSlot& slot, RvKQueueEventProtocol* object, ByteBuffer* rx,
                      std::int32_t event) noexcept {
-    const EventBlockSlot::Pointer block = slot.get();
-    if (!block || !*block) return;
+    const EventBlockSlot::Use block(slot);
+    if (!block) return;
     std::uint64_t dropSize = rx->size();
     (void)(*block)(object, rx->data(), rx->size(), &dropSize, event);
     rx->drop(dropSize);
 }
 
-void deliverPlain(const EventBlockSlot& slot, RvKQueueEventProtocol* object, std::int32_t event) noexcept {
-    const EventBlockSlot::Pointer block = slot.get();
-    if (block && *block) (void)(*block)(object, nullptr, 0, nullptr, event);
+void deliverPlain(EventBlockSlot& slot, RvKQueueEventProtocol* object, std::int32_t event) noexcept {
+    const EventBlockSlot::Use block(slot);
+    if (block) (void)(*block)(object, nullptr, 0, nullptr, event);
 }

@@ -24,10 +24,10 @@ Received readAvailable(int fd, std::int64_t available, ByteBuffer* rx) noexcept;
 
 /// Calls the block, if there is one, with all of `rx`, the code and a dropSize that starts as the length of
 /// `rx`, and then removes as many bytes from the front of `rx` as dropSize says. The I/O thread.
-void deliverBuffered(const EventBlockSlot& slot, RvKQueueEventProtocol* object, ByteBuffer* rx,
+void deliverBuffered(EventBlockSlot& slot, RvKQueueEventProtocol* object, ByteBuffer* rx,
                      std::int32_t event) noexcept;
 
-/// Calls the block, if there is one, without a buffer: event 0 or 3, or a timer's event 1. Any thread.
-void deliverPlain(const EventBlockSlot& slot, RvKQueueEventProtocol* object, std::int32_t event) noexcept;
+/// Calls the block, if there is one, without a buffer: event 0 or 3, or a timer's event 1. The I/O thread.
+void deliverPlain(EventBlockSlot& slot, RvKQueueEventProtocol* object, std::int32_t event) noexcept;
 
 #endif

@@ -30,6 +30,7 @@ std::shared_ptr<EventBlock> EventBlockSlot::takeSpare() noexcept {
 EventBlockSlot::Pointer EventBlockSlot::exchange(Pointer next) noexcept {
     const LockGuard guard(slotLock);
     block.swap(next);
+    current.store(block.get(), std::memory_order_relaxed);
     return next;
 }
 
@@ -43,10 +44,17 @@ EventBlockSlot::Pointer EventBlockSlot::set(EventBlock newBlock) noexcept {
 }
 
 void EventBlockSlot::clear() noexcept {
+    const Pointer dropped = std::move(lastUsed);
     (void)exchange(nullptr);
 }
 
-EventBlockSlot::Pointer EventBlockSlot::get() const noexcept {
+// The reference that lastUsed holds keeps its address from being given to another block.
+EventBlockSlot::Pointer EventBlockSlot::take() noexcept {
+    if (lastUsed && lastUsed.get() == current.load(std::memory_order_relaxed)) return std::move(lastUsed);
     const LockGuard guard(slotLock);
     return block;
+}
+
+void EventBlockSlot::giveBack(Pointer used) noexcept {
+    if (used.get() == current.load(std::memory_order_relaxed)) lastUsed = std::move(used);
 }

@@ -3,12 +3,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-void offerConnection(const EventBlockSlot& slot, RvKQueueEventProtocol* object,
+void offerConnection(EventBlockSlot& slot, RvKQueueEventProtocol* object,
                      const AcceptedConnection& accepted) noexcept {
-    const EventBlockSlot::Pointer block = slot.get();
-    const bool taken =
-        block && *block &&
-        (*block)(object, reinterpret_cast<const char*>(&accepted), sizeof accepted, nullptr, kEventData);
+    const EventBlockSlot::Use block(slot);
+    const bool taken = block && (*block)(object, reinterpret_cast<const char*>(&accepted), sizeof accepted,
+                                         nullptr, kEventData);
     if (!taken) refuseConnection(accepted.descriptor);
 }
 

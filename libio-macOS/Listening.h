@@ -13,7 +13,7 @@ inline constexpr int kListenBacklog = 128;
 
 /// Calls the block with the record as event 1. The descriptor is shut down and closed if the block returns
 /// false, or if the endpoint has no block any more. The I/O thread.
-void offerConnection(const EventBlockSlot& slot, RvKQueueEventProtocol* object,
+void offerConnection(EventBlockSlot& slot, RvKQueueEventProtocol* object,
                      const AcceptedConnection& accepted) noexcept;
 
 /// Shuts the descriptor down and closes it.

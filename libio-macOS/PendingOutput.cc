@@ -15,15 +15,22 @@ constexpr std::size_t kLargeWriteBytes = 65536;
 
 }  // namespace
 
-void PendingOutput::append(const void* bytes, std::uint64_t size) noexcept {
+void PendingOutput::append(const void* bytes, std::uint64_t size, bool onIoThread) noexcept {
+    const bool isNext = onIoThread && queued.load(std::memory_order_relaxed) == 0;
+    if (isNext && sending.append(bytes, size)) return;
     const LockGuard guard(txlock);
     if (!tx.append(bytes, size)) lostBytes = true;
-    queued.store(tx.size(), std::memory_order_relaxed);
+    noteQueued();
+}
+
+void PendingOutput::noteQueued() noexcept {
+    queued.store(tx.size() + (lostBytes ? 1 : 0), std::memory_order_relaxed);
 }
 
 // Has `sending` hold what goes out next: `wanted` bytes if there are so many and they are cheaply had.
 // Returns false if bytes were lost.
 bool PendingOutput::takeQueued(std::size_t wanted) noexcept {
+    if (queued.load(std::memory_order_relaxed) == 0) return true;
     const LockGuard guard(txlock);
     if (lostBytes) return false;
     if (sending.isEmpty()) {
@@ -32,7 +39,7 @@ bool PendingOutput::takeQueued(std::size_t wanted) noexcept {
                sending.append(tx.data(), tx.size())) {
         tx.drop(tx.size());
     }
-    queued.store(tx.size(), std::memory_order_relaxed);
+    noteQueued();
     return true;
 }
 
@@ -40,10 +47,7 @@ PendingOutput::Flushed PendingOutput::flush(int fd, std::int64_t room, bool even
     const bool isUncounted = room == KEVENT_UNCOUNTED;
     const std::size_t limit =
         isUncounted ? SIZE_MAX : static_cast<std::size_t>(std::max<std::int64_t>(room, 0));
-    if (!takeQueued(limit)) {
-        const std::size_t left = std::max<std::size_t>(remaining(), 1);
-        return {left, -1, left};
-    }
+    if (!takeQueued(limit)) return {remaining(), -1, remaining()};
     const std::size_t size = std::min(sending.size(), limit);
     if (size == 0 && !evenIfEmpty) return {0, 0, remaining()};
     const bool waits = !isUncounted || size == 0;

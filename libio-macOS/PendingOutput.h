@@ -28,7 +28,9 @@ class PendingOutput {
 
     /// Queues a copy. Without memory the bytes are lost and every later flush reports a write error: the
     /// stream has a hole and must not go on. Any thread.
-    void append(const void* bytes, std::uint64_t size) noexcept;
+    ///
+    /// onIoThread  whether the caller is the I/O thread, which needs no lock to queue behind its own bytes
+    void append(const void* bytes, std::uint64_t size, bool onIoThread) noexcept;
 
     /// Whether nothing is queued. The I/O thread.
     bool isEmpty() const noexcept { return remaining() == 0; }
@@ -43,11 +45,13 @@ class PendingOutput {
 
   private:
     bool takeQueued(std::size_t wanted) noexcept;
+    void noteQueued() noexcept RV_REQUIRES(txlock);
     std::size_t remaining() const noexcept { return sending.size() + queued.load(std::memory_order_relaxed); }
 
     mutable RecursiveLock txlock;
     ByteBuffer tx RV_GUARDED_BY(txlock);
-    /// Bytes in tx, for those who only ask whether there are any. Written under txlock.
+    /// Bytes in tx, for those who only ask whether there are any; lost ones count as one. Written under
+    /// txlock.
     std::atomic<std::size_t> queued = 0;
     ByteBuffer sending;  ///< goes out before tx; the I/O thread's alone
     bool lostBytes RV_GUARDED_BY(txlock) = false;

@@ -42,6 +42,8 @@ InetParts inetParts(const struct sockaddr* address) noexcept {
 
 }  // namespace
 
+thread_local const std::shared_ptr<RvKQueue>* RvKQueue::here = nullptr;
+
 std::shared_ptr<RvKQueue> RvKQueue::initWithSubsystem(const char* subsystem) noexcept try {
     auto loop = std::make_shared<RvKQueue>(Key{}, subsystem);
     if (const char* const failure = loop->prepare()) {
@@ -143,24 +145,38 @@ void RvKQueue::resubmit(const ByteBuffer& records, const EndpointTable& stopped)
         struct kevent change;
         std::memcpy(&change, records.data() + i * sizeof change, sizeof change);
         const bool isDelete = (change.flags & EV_DELETE) != 0;
-        if (isDelete || !stopped.contains(change.udata)) (void)appendChange(change);
+        if (isDelete || !stopped.contains(change.udata)) (void)appendChange(change, &changeList);
     }
 }
 
 // Deliberate: an endpoint that has left the registry can still remove its filters, which its stop does after
 // it has left, but never add new ones. Held by RvKQueueScript.AnAdditionForAnUnregisteredEndpointIsDropped.
 void RvKQueue::submitChange(const struct kevent& change) noexcept {
+    if (here != nullptr && here->get() == this) {
+        ioThread->assertCurrent();
+        if (submitHere(change)) return;
+    }
     {
         const LockGuard guard(lock);
         const bool isDelete = (change.flags & EV_DELETE) != 0;
         if (!isDelete && !activeList.contains(change.udata)) return;
-        if (!appendChange(change)) return;
+        if (!appendChange(change, &changeList)) return;
+        isTouched.store(true, std::memory_order_relaxed);
     }
     wakeIoThread();
 }
 
-bool RvKQueue::appendChange(const struct kevent& change) noexcept {
-    const bool appended = changeList.append(&change, sizeof change);
+// The same for the I/O thread alone, as long as its snapshot is the registry and nobody's changes wait that
+// ought to go before its own. Returns false when that is not so.
+bool RvKQueue::submitHere(const struct kevent& change) noexcept {
+    if (isTouched.load(std::memory_order_relaxed)) return false;
+    const bool isDelete = (change.flags & EV_DELETE) != 0;
+    if (isDelete || snapshot.contains(change.udata)) (void)appendChange(change, &changes);
+    return true;
+}
+
+bool RvKQueue::appendChange(const struct kevent& change, ByteBuffer* list) noexcept {
+    const bool appended = list->append(&change, sizeof change);
     if (!appended) RV_LOG_ERROR(logger, "<%p>: cannot submit change", change.udata);
     return appended;
 }
@@ -213,6 +229,7 @@ void RvKQueue::stopObject(const RvKQueueEventProtocol* endpoint) noexcept {
 
 void RvKQueue::noteActiveChange(const void* endpoint) noexcept {
     activeListChanged = true;
+    isTouched.store(true, std::memory_order_relaxed);
     if (allActiveChanged) return;
     // Once there are more changes than endpoints a copy of everything is the cheaper refresh.
     allActiveChanged = changedObjects.size() > 2 * activeList.size() + kInitialObjects;
@@ -250,7 +267,9 @@ void RvKQueue::ioThreadBody(void* loop) noexcept {
     // The loop's own reference ends with this function; the loop may then go away on this thread.
     const std::shared_ptr<RvKQueue> self = std::move(static_cast<RvKQueue*>(loop)->runningSelf);
     self->ioThread->assertCurrent();
+    here = &self;
     self->ioThreadRoutine();
+    here = nullptr;
     self->snapshot.clear();
 }
 
@@ -310,17 +329,30 @@ void RvKQueue::registerWakeup() noexcept {
     (void)::kevent(kq, &change, 1, &receipt, 1, &noWait);  // without it requests wait for the end of the turn
 }
 
+// Puts what the I/O thread has submitted before the changes of others, which came later. Returns false
+// without memory, and then both lists are as they were.
+bool RvKQueue::joinChanges() noexcept {
+    if (!changes.append(changeList.data(), changeList.size())) return false;
+    changeList.clear();
+    changes.swap(changeList);
+    return true;
+}
+
 bool RvKQueue::turn() noexcept {
     EndpointTable retired;
     {
         const LockGuard guard(lock);
-        retired = releaseStoppedUnlocked();
-        if (activeListChanged && !refreshSnapshot()) {
-            RV_LOG_ERROR(logger, "copying active list error");
-            return false;
+        // If the lists cannot be joined, all that others have asked for is left to the next turn.
+        if (isTouched.load(std::memory_order_relaxed) && joinChanges()) {
+            retired = releaseStoppedUnlocked();
+            if (activeListChanged && !refreshSnapshot()) {
+                RV_LOG_ERROR(logger, "copying active list error");
+                return false;
+            }
+            changes.swap(changeList);
+            // What a stopped endpoint had captured may have asked for more as it went away.
+            isTouched.store(activeListChanged || !stopList.isEmpty(), std::memory_order_relaxed);
         }
-        changes.drop(changes.size());
-        changes.swap(changeList);
         sleeping.store(true, std::memory_order_relaxed);
     }
     retired.clear();
@@ -339,6 +371,7 @@ int RvKQueue::waitForEvents() noexcept {
         ::kevent(kq, reinterpret_cast<const struct kevent*>(changes.data()), static_cast<int>(changeCount),
                  reinterpret_cast<struct kevent*>(events.data()), static_cast<int>(room), &timeout);
     sleeping.store(false, std::memory_order_relaxed);
+    changes.drop(changes.size());
     return count;
 }
 

@@ -69,6 +69,9 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     /// log. Any thread except the I/O thread.
     void waitForEnd() noexcept;
 
+    /// The loop on whose I/O thread this is called; null on every other thread.
+    static const std::shared_ptr<RvKQueue>* current() noexcept { return here; }
+
     /// Queues one change record for the I/O thread's next kevent() call; the record is copied.
     ///
     /// change  udata is the endpoint on whose behalf the change is made. Unless the flags have EV_DELETE the
@@ -150,6 +153,8 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     bool refreshSnapshot() noexcept RV_REQUIRES(ioThread, lock);
     void registerWakeup() noexcept RV_REQUIRES(ioThread);
     bool turn() noexcept RV_REQUIRES(ioThread);
+    bool joinChanges() noexcept RV_REQUIRES(ioThread, lock);
+    bool submitHere(const struct kevent& change) noexcept RV_REQUIRES(ioThread);
     int waitForEvents() noexcept RV_REQUIRES(ioThread);
     void dispatch(int count) noexcept RV_REQUIRES(ioThread);
 
@@ -157,8 +162,10 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     void resubmit(const ByteBuffer& records, const EndpointTable& stopped) noexcept RV_REQUIRES(lock);
     bool stopRemaining() noexcept;
     void noteActiveChange(const void* endpoint) noexcept RV_REQUIRES(lock);
-    bool appendChange(const struct kevent& change) noexcept RV_REQUIRES(lock);
+    bool appendChange(const struct kevent& change, ByteBuffer* list) noexcept;
     void wakeIoThread() noexcept;
+
+    static thread_local const std::shared_ptr<RvKQueue>* here;  ///< see current
 
     int kq = -1;  ///< owned; closed by stop
     OsLog logger;
@@ -168,6 +175,9 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     EndpointTable stopList RV_GUARDED_BY(lock);  ///< strong; until the next turn has stopped them
     bool activeListChanged RV_GUARDED_BY(lock) = false;
     EndpointTable activeList RV_GUARDED_BY(lock);  ///< strong; until stopObject or stop
+    /// Whether changeList has changes or activeList differs from the snapshot. Written under lock; while it
+    /// is false the I/O thread submits changes of its own without the lock.
+    std::atomic<bool> isTouched = false;
     /// Endpoints that entered or left activeList since the last snapshot: a refresh costs what changed, not
     /// what there is. allActiveChanged says that the list was given up and the whole registry must be copied.
     std::vector<const void*> changedObjects RV_GUARDED_BY(lock);
@@ -183,8 +193,9 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     Ticker ticker;
 
     EndpointTable snapshot RV_GUARDED_BY(ioThread);  ///< strong; what events are dispatched against
-    ByteBuffer changes RV_GUARDED_BY(ioThread);      ///< what the current turn hands over
-    ByteBuffer events RV_GUARDED_BY(ioThread);       ///< room for what kevent() returns; never committed
+    /// What the I/O thread has submitted since changeList was empty; then what the current turn hands over.
+    ByteBuffer changes RV_GUARDED_BY(ioThread);
+    ByteBuffer events RV_GUARDED_BY(ioThread);  ///< room for what kevent() returns; never committed
 
     RecursiveLock timersLock;
     TimerIdents timerIdents RV_GUARDED_BY(timersLock);

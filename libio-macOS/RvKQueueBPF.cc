@@ -44,7 +44,7 @@ void RvKQueueBPF::enableOnData(EventBlock block) noexcept {
     struct kevent record;
     initReadEvent(&record, kArmFlags);
     if (*stored) (void)(*stored)(this, nullptr, 0, nullptr, kEventConnected);
-    if (const auto loop = parent.lock()) loop->submitChange(record);
+    parent.submit(record);
 }
 
 void RvKQueueBPF::kevent(const struct kevent* record) noexcept {

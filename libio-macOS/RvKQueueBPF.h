@@ -7,6 +7,7 @@
 
 #include "libio-macOS/ByteBuffer.h"
 #include "libio-macOS/EventBlockSlot.h"
+#include "libio-macOS/ParentLoop.h"
 #include "libio-macOS/RvKQueueEventProtocol.h"
 #include "platform/oslog.h"
 #include "platform/packet_capture.h"
@@ -48,7 +49,7 @@ class RvKQueueBPF : public RvKQueueEventProtocol {
     void initReadEvent(struct kevent* record, std::uint16_t flags) noexcept;
 
   private:
-    std::weak_ptr<RvKQueue> parent;  ///< back link; the loop may go away first
+    ParentLoop parent;
     OsLog logger;
     PacketCapture fd;               ///< the capture with its descriptor, -1 when closed
     std::uint32_t blockLength = 0;  ///< the length in force

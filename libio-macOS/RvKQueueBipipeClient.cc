@@ -76,7 +76,7 @@ void RvKQueueBipipeClient::disarmWrite() noexcept {
 
 void RvKQueueBipipeClient::write(const void* bytes, std::uint64_t size) noexcept {
     if (size == 0) return;
-    tx.append(bytes, size);
+    tx.append(bytes, size, parent.isHere());
     submitWrite(kArmFlags);
 }
 
@@ -107,11 +107,11 @@ void RvKQueueBipipeClient::initWriteEvent(struct kevent* record, std::uint16_t f
 void RvKQueueBipipeClient::submitRead(std::uint16_t flags) noexcept {
     struct kevent record;
     initReadEvent(&record, flags);
-    if (const auto loop = parent.lock()) loop->submitChange(record);
+    parent.submit(record);
 }
 
 void RvKQueueBipipeClient::submitWrite(std::uint16_t flags) noexcept {
     struct kevent record;
     initWriteEvent(&record, flags);
-    if (const auto loop = parent.lock()) loop->submitChange(record);
+    parent.submit(record);
 }

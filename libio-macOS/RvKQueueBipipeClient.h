@@ -7,6 +7,7 @@
 
 #include "libio-macOS/ByteBuffer.h"
 #include "libio-macOS/EventBlockSlot.h"
+#include "libio-macOS/ParentLoop.h"
 #include "libio-macOS/PendingOutput.h"
 #include "libio-macOS/RvKQueueEventProtocol.h"
 #include "platform/oslog.h"
@@ -53,7 +54,7 @@ class RvKQueueBipipeClient : public RvKQueueEventProtocol {
     void submitRead(std::uint16_t flags) noexcept;
     void submitWrite(std::uint16_t flags) noexcept;
 
-    std::weak_ptr<RvKQueue> parent;  ///< back link; the loop may go away first
+    ParentLoop parent;
     OsLog logger;
     const std::int32_t infd;
     const std::int32_t outfd;

@@ -121,7 +121,7 @@ void RvKQueueStreamSocket::disarmWrite() noexcept {
 
 void RvKQueueStreamSocket::write(const void* bytes, std::uint64_t size) noexcept {
     if (size == 0) return;
-    tx.append(bytes, size);
+    tx.append(bytes, size, parent.isHere());
     submitWrite(kArmFlags);
 }
 
@@ -154,11 +154,11 @@ void RvKQueueStreamSocket::initWriteEvent(struct kevent* record, std::uint16_t f
 void RvKQueueStreamSocket::submitRead(std::uint16_t flags) noexcept {
     struct kevent record;
     initReadEvent(&record, flags);
-    if (const auto loop = parent.lock()) loop->submitChange(record);
+    parent.submit(record);
 }
 
 void RvKQueueStreamSocket::submitWrite(std::uint16_t flags) noexcept {
     struct kevent record;
     initWriteEvent(&record, flags);
-    if (const auto loop = parent.lock()) loop->submitChange(record);
+    parent.submit(record);
 }

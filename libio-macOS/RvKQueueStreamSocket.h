@@ -10,6 +10,7 @@
 
 #include "libio-macOS/ByteBuffer.h"
 #include "libio-macOS/EventBlockSlot.h"
+#include "libio-macOS/ParentLoop.h"
 #include "libio-macOS/PendingOutput.h"
 #include "libio-macOS/RvKQueueEventProtocol.h"
 #include "platform/oslog.h"
@@ -64,7 +65,7 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
     /// Returns true when the connection stands or is pending, false when it cannot be tried.
     bool connectTo(const struct sockaddr* address) noexcept;
 
-    std::weak_ptr<RvKQueue> parent;  ///< back link; the loop may go away first
+    ParentLoop parent;
     OsLog logger;
     std::int32_t sock;  ///< -1 until a client has made its socket; not reset by stop
     bool closeOnStop;

@@ -80,5 +80,5 @@ void RvKQueueTCPServer::initReadEvent(struct kevent* record, std::uint16_t flags
 void RvKQueueTCPServer::submitRead(std::uint16_t flags) noexcept {
     struct kevent record;
     initReadEvent(&record, flags);
-    if (const auto loop = parent.lock()) loop->submitChange(record);
+    parent.submit(record);
 }

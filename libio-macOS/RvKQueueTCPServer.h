@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "libio-macOS/EventBlockSlot.h"
+#include "libio-macOS/ParentLoop.h"
 #include "libio-macOS/RvKQueueEventProtocol.h"
 #include "platform/oslog.h"
 
@@ -47,7 +48,7 @@ class RvKQueueTCPServer : public RvKQueueEventProtocol {
   private:
     void submitRead(std::uint16_t flags) noexcept;
 
-    std::weak_ptr<RvKQueue> parent;  ///< back link; the loop may go away first
+    ParentLoop parent;
     OsLog logger;
     std::int32_t sock = -1;  ///< owned; closed by stop
     EventBlockSlot eventBlock;

@@ -84,5 +84,5 @@ void RvKQueueTimer::initEvent(struct kevent* record, std::int32_t data, std::uin
 void RvKQueueTimer::submit(std::int32_t data, std::uint16_t flags) noexcept {
     struct kevent record;
     initEvent(&record, data, flags);
-    if (const auto loop = parent.lock()) loop->submitChange(record);
+    parent.submit(record);
 }

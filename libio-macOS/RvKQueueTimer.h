@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "libio-macOS/EventBlockSlot.h"
+#include "libio-macOS/ParentLoop.h"
 #include "libio-macOS/RvKQueueEventProtocol.h"
 #include "platform/oslog.h"
 
@@ -50,7 +51,7 @@ class RvKQueueTimer : public RvKQueueEventProtocol {
   private:
     void submit(std::int32_t data, std::uint16_t flags) noexcept;
 
-    std::weak_ptr<RvKQueue> parent;  ///< back link; the loop may go away first
+    ParentLoop parent;
     OsLog logger;
     const std::int32_t ident;
     const std::int32_t ms;

@@ -96,5 +96,5 @@ void RvKQueueUnixServer::initReadEvent(struct kevent* record, std::uint16_t flag
 void RvKQueueUnixServer::submitRead(std::uint16_t flags) noexcept {
     struct kevent record;
     initReadEvent(&record, flags);
-    if (const auto loop = parent.lock()) loop->submitChange(record);
+    parent.submit(record);
 }

@@ -13,21 +13,25 @@ EventBlock holding(std::shared_ptr<int> value) {
     };
 }
 
-bool call(const EventBlockSlot::Pointer& block) {
-    return (*block)(nullptr, nullptr, 0, nullptr, 0);
+bool isEmpty(EventBlockSlot& slot) {
+    return !EventBlockSlot::Use(slot);
+}
+
+bool call(EventBlockSlot& slot) {
+    return (*EventBlockSlot::Use(slot))(nullptr, nullptr, 0, nullptr, 0);
 }
 
 TEST(EventBlockSlot, StartsEmpty) {
-    const EventBlockSlot slot;
-    EXPECT_EQ(nullptr, slot.get());
+    EventBlockSlot slot;
+    EXPECT_TRUE(isEmpty(slot));
 }
 
 TEST(EventBlockSlot, HoldsWhatWasSetLast) {
     EventBlockSlot slot;
     EXPECT_NE(nullptr, slot.set(holding(std::make_shared<int>(1))));
-    EXPECT_TRUE(call(slot.get()));
+    EXPECT_TRUE(call(slot));
     EXPECT_NE(nullptr, slot.set(holding(std::make_shared<int>(0))));
-    EXPECT_FALSE(call(slot.get()));
+    EXPECT_FALSE(call(slot));
 }
 
 TEST(EventBlockSlot, ClearReleasesWhatTheBlockHeld) {
@@ -38,7 +42,7 @@ TEST(EventBlockSlot, ClearReleasesWhatTheBlockHeld) {
     EXPECT_FALSE(watch.expired());
     slot.clear();
     EXPECT_TRUE(watch.expired());
-    EXPECT_EQ(nullptr, slot.get());
+    EXPECT_TRUE(isEmpty(slot));
 }
 
 TEST(EventBlockSlot, ABlockInUseOutlivesTheClearing) {
@@ -47,11 +51,46 @@ TEST(EventBlockSlot, ABlockInUseOutlivesTheClearing) {
     const std::weak_ptr<int> watch = value;
     slot.set(holding(std::move(value)));
     {
-        const EventBlockSlot::Pointer running = slot.get();
+        const EventBlockSlot::Use running(slot);
         slot.clear();
-        EXPECT_TRUE(call(running));
+        EXPECT_TRUE((*running)(nullptr, nullptr, 0, nullptr, 0));
+        EXPECT_FALSE(watch.expired());
     }
     EXPECT_TRUE(watch.expired());
+    EXPECT_TRUE(isEmpty(slot));
+}
+
+TEST(EventBlockSlot, AUsedBlockGoesWithTheClearing) {
+    EventBlockSlot slot;
+    auto value = std::make_shared<int>(1);
+    const std::weak_ptr<int> watch = value;
+    slot.set(holding(std::move(value)));
+    EXPECT_TRUE(call(slot));
+    slot.clear();
+    EXPECT_TRUE(watch.expired());
+}
+
+TEST(EventBlockSlot, ABlockThatReplacesTheRunningOneIsUsedNext) {
+    EventBlockSlot slot;
+    auto value = std::make_shared<int>(1);
+    const std::weak_ptr<int> watch = value;
+    slot.set(holding(std::move(value)));
+    EXPECT_TRUE(call(slot));
+    {
+        const EventBlockSlot::Use running(slot);
+        slot.set(holding(std::make_shared<int>(0)));
+        EXPECT_TRUE((*running)(nullptr, nullptr, 0, nullptr, 0));
+    }
+    EXPECT_TRUE(watch.expired());
+    EXPECT_FALSE(call(slot));
+}
+
+TEST(EventBlockSlot, AUseMayMeetAnother) {
+    EventBlockSlot slot;
+    slot.set(holding(std::make_shared<int>(1)));
+    const EventBlockSlot::Use outer(slot);
+    EXPECT_TRUE(call(slot));
+    EXPECT_TRUE((*outer)(nullptr, nullptr, 0, nullptr, 0));
 }
 
 TEST(EventBlockSlot, ADestructorMayComeBackToTheSlot) {

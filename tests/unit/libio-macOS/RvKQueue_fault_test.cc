@@ -439,7 +439,7 @@ TEST_F(RvKQueueEndpointFault, TheFirstBlockNeedsNoMemory) {
     faults::failHere(Kind::kNew, 1);
     EXPECT_FALSE(slot.set(std::move(second)));
     EXPECT_TRUE(faults::hasFailed());
-    EXPECT_EQ(stored, slot.get());
+    EXPECT_EQ(stored.get(), &*EventBlockSlot::Use(slot));
 }
 
 TEST_F(RvKQueueFactoryFault, AUnixClientThatCannotBeRegisteredIsRefused) {

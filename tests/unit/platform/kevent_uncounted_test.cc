@@ -1,6 +1,10 @@
 /// A queue that leaves bytes uncounted: for which events, and what keventCount makes of them.
 #include <unistd.h>
 
+#include <set>
+#include <utility>
+#include <vector>
+
 #include "kevent_support.h"
 
 namespace {
@@ -153,6 +157,111 @@ TEST_P(KeventUncounted, ANewFileUnderTheNumberStartsWithoutKnotes) {
     const auto event = queue.next();
     EXPECT_EQ(event.udata, markAddress(2));
     EXPECT_EQ(event.data, 1);
+}
+
+/// Connections on which more comes at once than one call tells of.
+class KeventHeldInput : public testing::Test {
+  protected:
+    static constexpr int kConnections = 50;
+
+    KeventHeldInput() {
+        keventLeaveUncounted(queue.fd());
+        for (int i = 0; i < kConnections; ++i) {
+            pairs.push_back(unixPair());
+            arm(i);
+            write(i);
+        }
+        // The first events are counted.
+        std::set<uint64_t> known;
+        while (known.size() < pairs.size()) {
+            for (const auto& event : queue.collect()) {
+                known.insert(event.ident);
+                (void)readSome(static_cast<int>(event.ident));
+            }
+        }
+        for (int i = 0; i < kConnections; ++i) write(i);
+    }
+
+    void arm(int i) { ASSERT_EQ(queue.apply(change(number(i), EVFILT_READ, kArm, 0, 0, 1)), 0); }
+    void write(int i) {
+        writeAll(pairs[static_cast<size_t>(i)].writer.get(), "x");
+        waitReadable(reader(i), 1);
+    }
+    int reader(int i) const { return pairs[static_cast<size_t>(i)].reader.get(); }
+    uint64_t number(int i) const { return static_cast<uint64_t>(reader(i)); }
+
+    /// The numbers of all events until there are no more, each one's byte being read.
+    std::multiset<uint64_t> drain() {
+        std::multiset<uint64_t> seen;
+        for (auto events = queue.collect(0); !events.empty(); events = queue.collect(0)) {
+            for (const auto& event : events) {
+                EXPECT_EQ(readSome(static_cast<int>(event.ident)), "x");
+                seen.insert(event.ident);
+            }
+        }
+        return seen;
+    }
+
+    Queue queue;
+    std::vector<Pair> pairs;
+};
+
+TEST_F(KeventHeldInput, ComesInPartsAndOnce) {
+    const auto first = queue.collect();
+    EXPECT_LT(first.size(), pairs.size());
+    std::set<uint64_t> told;
+    for (const auto& event : first) {
+        EXPECT_EQ(readSome(static_cast<int>(event.ident)), "x");
+        told.insert(event.ident);
+    }
+    const auto rest = drain();
+    EXPECT_EQ(told.size() + rest.size(), pairs.size());
+    for (const uint64_t one : rest) told.insert(one);
+    EXPECT_EQ(told.size(), pairs.size());
+}
+
+TEST_F(KeventHeldInput, IsNotToldOnceItsFilterIsDeleted) {
+    std::set<uint64_t> told;
+    for (const auto& event : queue.collect()) told.insert(event.ident);
+    for (int i = 0; i < kConnections; ++i) {
+        if (told.count(number(i)) == 1) continue;
+        ASSERT_EQ(queue.apply(change(number(i), EVFILT_READ, EV_DELETE)), 0);
+    }
+    for (const uint64_t one : drain()) EXPECT_EQ(told.count(one), 1U);
+}
+
+TEST_F(KeventHeldInput, IsNotToldOfTheNextFileUnderItsNumber) {
+    std::set<uint64_t> told;
+    for (const auto& event : queue.collect()) told.insert(event.ident);
+    std::vector<Fd> kept;
+    for (int i = 0; i < kConnections; ++i) {
+        if (told.count(number(i)) == 1) continue;
+        Pair fresh = unixPair();
+        ASSERT_NE(dup2(fresh.reader.get(), reader(i)), -1);
+        kept.push_back(std::move(fresh.writer));
+        arm(i);
+    }
+    ASSERT_FALSE(kept.empty());
+    for (const uint64_t one : drain()) EXPECT_EQ(told.count(one), 1U);
+}
+
+TEST_F(KeventHeldInput, IsForgottenWithItsQueue) {
+    EXPECT_FALSE(queue.collect().empty());
+    const int queueNumber = queue.fd();
+    queue.close();
+    const Queue next;
+    ASSERT_EQ(next.fd(), queueNumber);
+    keventLeaveUncounted(next.fd());
+    EXPECT_THAT(next.collect(kSilenceMs), testing::IsEmpty());
+}
+
+TEST_F(KeventHeldInput, DoesNotKeepATimerWaiting) {
+    ASSERT_EQ(queue.apply(change(7, EVFILT_TIMER, kArm | EV_ONESHOT, 0)), 0);
+    bool fired = false;
+    for (int calls = 0; !fired && calls < 3; ++calls) {
+        fired = !only(queue.collect(0), EVFILT_TIMER).empty();
+    }
+    EXPECT_TRUE(fired);
 }
 
 TEST(KeventUncountedQueue, PipesAreCounted) {
