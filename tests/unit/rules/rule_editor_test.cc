@@ -300,6 +300,19 @@ TEST_F(RunEditor, EditorInheritsNothingFromTheTool) {
     EXPECT_EQ(contentOf("/tmp/rule-editor-test/files"), expected);
 }
 
+TEST_F(RunEditor, ParentThatIgnoresItsChildrenMakesNoDifference) {
+    addEditor("fail", "exit 3");
+    cli::Command command = sessionWith("run", "fail");
+    command.path = "/bin/sh";
+    command.words = {"-c", "trap '' CHLD; exec \"$0\" run \"$1\"", RV_SESSION_PATH, kRulesPath};
+    command.input = cli::Input::kText;
+    command.outputToTerminal = false;
+    command.text = "n";
+    const cli::Result result = cli::run(command);
+    EXPECT_EQ(result.out, std::string(kRetry) + "run: false\n");
+    EXPECT_EQ(result.err, "");
+}
+
 TEST_F(RunEditor, NoProcessIsAnError) {
     cli::Command command = sessionWith("run", "true");
     command.environment["RV_FAIL_FORK"] = "yes";
@@ -419,6 +432,48 @@ TEST_F(JobControl, SuspendKeyThatTheEditorIgnoresStopsNothing) {
     process.type("exit 7\n");
     const cli::Result result = process.wait();
     EXPECT_EQ(result.err.find("Stopped"), std::string::npos) << result.err;
+    EXPECT_EQ(result.status, 7);
+}
+
+TEST_F(JobControl, EditorThatGoesOnBeforeItIsSeenStopsNothing) {
+    addEditor("editor",
+              "trap '' TSTP; echo ready; while :; do read line; case $line in stop) kill -STOP $$;; "
+              "done) exit 0;; *) echo \"got-$line\";; esac; done");
+    cli::Command command = shell("editor");
+    command.environment["RV_CONTINUE_EDITOR"] = "yes";
+    cli::Process process(command);
+    process.type(std::string(RV_SESSION_PATH) + " run " + kRulesPath + "\n");
+    ASSERT_TRUE(process.waitForTerminal("ready"));
+    for (const std::string number : {"1", "2"}) {
+        process.type("stop\n" + number + "\n");
+        ASSERT_TRUE(process.waitForTerminal("got-" + number));
+    }
+    process.type("\x1a");
+    ASSERT_TRUE(process.waitForTerminal("^Z"));
+    process.type("3\n");
+    ASSERT_TRUE(process.waitForTerminal("got-3"));
+    process.type("done\n");
+    ASSERT_TRUE(process.waitForTerminal("run: true"));
+    process.type("exit 7\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(result.err.find("Stopped"), std::string::npos) << result.err;
+    EXPECT_EQ(result.status, 7);
+}
+
+TEST_F(JobControl, EditorThatStopsAgainStaysStopped) {
+    addEditor("editor", "kill -STOP $$; kill -STOP $$; echo resumed");
+    cli::Command command = shell("editor");
+    command.environment["RV_STOP_AGAIN"] = "yes";
+    cli::Process process(command);
+    process.type(std::string(RV_SESSION_PATH) + " run " + kRulesPath + "\n");
+    ASSERT_TRUE(process.waitForErr("Stopped"));
+    process.type("fg\n");
+    ASSERT_TRUE(process.waitForErr("Stopped", 2));
+    process.type("fg\n");
+    ASSERT_TRUE(process.waitForTerminal("run: true"));
+    process.type("exit 7\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(count(result.terminal, "resumed\r\nrun: true"), 1U) << result.terminal;
     EXPECT_EQ(result.status, 7);
 }
 

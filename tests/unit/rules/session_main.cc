@@ -6,11 +6,14 @@
 //   rules_session ask PROMPT  areYouSure          says "ask: " and the answer, then what is left of the line
 //
 // With RV_FAIL_FORK, RV_FAIL_WAIT or RV_INTERRUPT_WAIT in the environment the system call fails, or is
-// interrupted a few times; with RV_SHOW_STATUS standard error tells how the editor has ended. The linker puts
-// the functions below in the place of the real ones. With RV_SAY its text is what has been said before, with
-// RV_INTERRUPT_READ the signal SIGUSR1 interrupts what the thread reads.
+// interrupted a few times; with RV_SHOW_STATUS standard error tells how the editor has ended. With
+// RV_CONTINUE_EDITOR an editor that has stopped goes on before anybody hears of it; with RV_STOP_AGAIN it has
+// stopped once more before the tool, itself continued, looks at it. The linker puts the functions below in
+// the place of the real ones. With RV_SAY its text is what has been said before, with RV_INTERRUPT_READ the
+// signal SIGUSR1 interrupts what the thread reads.
 #include <pthread.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <csignal>
@@ -26,6 +29,7 @@
 extern "C" {
 pid_t __real_fork();
 pid_t __real_waitpid(pid_t child, int* status, int options);
+int __real_waitid(idtype_t kind, id_t id, siginfo_t* news, int options);
 
 pid_t __wrap_fork() {
     if (std::getenv("RV_FAIL_FORK") != nullptr) {
@@ -50,7 +54,21 @@ pid_t __wrap_waitpid(pid_t child, int* status, int options) {
     if (std::getenv("RV_SHOW_STATUS") != nullptr) {
         (void)std::fprintf(stderr, "status %d\n", *status);
     }
+    if (std::getenv("RV_CONTINUE_EDITOR") != nullptr && result == child && WIFSTOPPED(*status)) {
+        siginfo_t news;
+        (void)::kill(child, SIGCONT);
+        (void)__real_waitid(P_PID, static_cast<id_t>(child), &news, WCONTINUED | WNOWAIT);
+    }
     return result;
+}
+
+int __wrap_waitid(idtype_t kind, id_t id, siginfo_t* news, int options) {
+    static int looks = std::getenv("RV_STOP_AGAIN") != nullptr ? 0 : 2;
+    if ((options & WCONTINUED) != 0 && ++looks == 2) {
+        siginfo_t stop;
+        (void)__real_waitid(kind, id, &stop, WSTOPPED | WNOWAIT);
+    }
+    return __real_waitid(kind, id, news, options);
 }
 }
 
@@ -71,11 +89,17 @@ void ask(const char* prompt) {
     std::printf(" rest: %s", std::fgets(rest, sizeof rest, stdin) != nullptr ? rest : "none\n");
 }
 
+void (*childHandler)(int) = SIG_DFL;  // our parent may have left the signal ignored
+
+void (*handlerOf(int signal))(int) {
+    struct sigaction now = {};
+    return ::sigaction(signal, nullptr, &now) == 0 ? now.sa_handler : SIG_ERR;
+}
+
 /// What ends the tool, or stops it, must still do so after an editor has run.
 void checkDispositions() {
     for (const int signal : {SIGINT, SIGQUIT, SIGTSTP, SIGCHLD}) {
-        struct sigaction now;
-        if (::sigaction(signal, nullptr, &now) != 0 || now.sa_handler != SIG_DFL) {
+        if (handlerOf(signal) != (signal == SIGCHLD ? childHandler : SIG_DFL)) {
             std::printf("signal %d is not as it was\n", signal);
         }
     }
@@ -125,6 +149,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     (void)std::signal(SIGPIPE, SIG_IGN);
+    childHandler = handlerOf(SIGCHLD);
     if (std::getenv("RV_INTERRUPT_READ") != nullptr) {
         catchInterruption();
         blockInterruption(SIG_BLOCK);  // the thread alone takes it
