@@ -92,7 +92,9 @@ int Queue::apply(const struct kevent& one) const {
 }
 
 std::vector<struct kevent> Queue::collect(int ms, int room, const std::vector<struct kevent>& changes) const {
-    std::vector<struct kevent> events(static_cast<size_t>(room));
+    // Every field of an event must have been written.
+    const struct kevent unwritten { ~0ULL, 0x5a5a, 0x5a5a, ~0U, 0x5a5a5a5a, markAddress(1) };
+    std::vector<struct kevent> events(static_cast<size_t>(room), unwritten);
     const timespec timeout{ms / 1000, ms % 1000 * 1'000'000L};
     const int n =
         kevent(fd_.get(), changes.data(), static_cast<int>(changes.size()), events.data(), room, &timeout);
