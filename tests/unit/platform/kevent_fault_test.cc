@@ -1,15 +1,21 @@
 /// The queue without memory or descriptors: each allocation fails once, and what could not be done is ENOMEM.
+/// And the queue on a kernel that does not know the newer of its calls.
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <ctime>
 
 #include "kevent_support.h"
 
 namespace {
 
 int countdown = 0;  // the allocation that fails: 1 is the next one; 0: none
+bool oldKernel = false;
+int refusals = 0;  // of the old kernel
 
 bool fails() {
     return countdown > 0 && --countdown == 0;
@@ -29,6 +35,19 @@ void* __wrap_calloc(size_t count, size_t size) {
 }
 void* __wrap_realloc(void* memory, size_t size) {
     return fails() ? nullptr : __real_realloc(memory, size);
+}
+
+int __real_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec* timeout,
+                        const sigset_t* mask);
+int __wrap_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec* timeout,
+                        const sigset_t* mask);
+
+int __wrap_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec* timeout,
+                        const sigset_t* mask) {
+    if (!oldKernel) return __real_epoll_pwait2(epoll, events, room, timeout, mask);
+    ++refusals;
+    errno = ENOSYS;
+    return -1;
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)
@@ -135,6 +154,41 @@ TEST(KeventFault, StaleEntryWithoutADescriptorForTheNewInstanceIsSilentStill) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_TRUE(events.empty());
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+}
+
+/// epoll_pwait2(2) is there since Linux 5.11.
+class KeventOldKernel : public testing::Test {
+  protected:
+    KeventOldKernel() {
+        oldKernel = true;
+        refusals = 0;
+    }
+    ~KeventOldKernel() override { oldKernel = false; }
+
+    static int waitFor(const Queue& queue, timespec timeout) {
+        struct kevent event;
+        return kevent(queue.fd(), nullptr, 0, &event, 1, &timeout);
+    }
+};
+
+TEST_F(KeventOldKernel, FractionsOfAMillisecondAreNeverTooShort) {
+    const Queue queue;
+    timespec begin;
+    timespec end;
+    ASSERT_EQ(clock_gettime(CLOCK_MONOTONIC, &begin), 0);
+    EXPECT_EQ(waitFor(queue, {0, 2'900'000}), 0);
+    ASSERT_EQ(clock_gettime(CLOCK_MONOTONIC, &end), 0);
+    EXPECT_GE((end.tv_sec - begin.tv_sec) * 1'000'000'000L + end.tv_nsec - begin.tv_nsec, 2'900'000);
+    EXPECT_GT(refusals, 0);
+}
+
+TEST_F(KeventOldKernel, EventsEndTheLongestWait) {
+    const Queue queue;
+    const Pair pipe = pipePair();
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(pipe.reader.get()), EVFILT_READ, kArm)), 0);
+    writeAll(pipe.writer.get(), "x");
+    EXPECT_EQ(waitFor(queue, {4'000'000'000, 1}), 1);
+    EXPECT_GT(refusals, 0);
 }
 
 }  // namespace
