@@ -16,4 +16,10 @@ inline void initFilterRecord(struct kevent* record, int descriptor, std::int16_t
     *record = {static_cast<std::uint64_t>(descriptor), filter, flags, 0, 0, endpoint};
 }
 
+/// Whether the kernel has refused to arm the filter of the record, whose data is an error number then.
+/// Nothing can be read or accepted for it, and a call that waits would never return.
+inline bool isRefusedFilter(const struct kevent& record) noexcept {
+    return (record.flags & EV_ERROR) != 0;
+}
+
 #endif

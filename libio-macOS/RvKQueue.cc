@@ -190,17 +190,17 @@ void RvKQueue::wakeIoThread() noexcept {
 // Deliberate: true whatever happened, also for endpoints that cannot write: what becomes of output is known
 // only later and reported as event 2. Held by RvKQueueRun.WriteIsTrueForEndpointsThatCannotWrite.
 bool RvKQueue::write(RvKQueueEventProtocol* endpoint, const void* buffer, std::uint64_t size) noexcept {
-    endpoint->write(buffer, size);
+    if (endpoint != nullptr) endpoint->write(buffer, size);
     return true;
 }
 
 void RvKQueue::startObject(RvKQueueEventProtocol* endpoint, EventBlock onEvent) noexcept {
-    endpoint->enableOnData(std::move(onEvent));
+    if (endpoint != nullptr) endpoint->enableOnData(std::move(onEvent));
 }
 
 void RvKQueue::addActiveObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint) noexcept {
     const LockGuard guard(lock);
-    if (activeList.insert(endpoint)) {
+    if (endpoint && activeList.insert(endpoint)) {
         noteActiveChange(endpoint.get());
         return;
     }

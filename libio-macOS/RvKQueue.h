@@ -80,7 +80,7 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     void submitChange(const struct kevent& change) noexcept;
 
     /// Queues a copy of `size` bytes for output by the endpoint; the queue has no limit. Returns true, also
-    /// for endpoints that cannot write: a failure is reported as event 2. Any thread.
+    /// for null and for endpoints that cannot write: a failure is reported as event 2. Any thread.
     bool write(RvKQueueEventProtocol* endpoint, const void* buffer, std::uint64_t size) noexcept;
     bool write(const std::shared_ptr<RvKQueueEventProtocol>& endpoint, const void* buffer,
                std::uint64_t size) noexcept {
@@ -88,12 +88,13 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     }
 
     /// Registers an endpoint; the loop holds a strong reference until the endpoint has been retired. The
-    /// factories below have done this for what they return. Any thread. Without memory: an error line.
+    /// factories below have done this for what they return. Any thread. Null, or without memory: an error
+    /// line.
     void addActiveObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint) noexcept;
 
     /// Hands the block to the endpoint and arms its filters: events flow from here on. Some kinds call the
     /// block with event 0 before this returns, on the caller's thread. An empty block is allowed and sees
-    /// nothing. Any thread.
+    /// nothing; a null endpoint is ignored. Any thread.
     void startObject(RvKQueueEventProtocol* endpoint, EventBlock onEvent) noexcept;
     void startObject(const std::shared_ptr<RvKQueueEventProtocol>& endpoint, EventBlock onEvent) noexcept {
         startObject(endpoint.get(), std::move(onEvent));

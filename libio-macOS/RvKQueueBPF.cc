@@ -49,6 +49,10 @@ void RvKQueueBPF::enableOnData(EventBlock block) noexcept {
 
 void RvKQueueBPF::kevent(const struct kevent* record) noexcept {
     if (record->filter != EVFILT_READ) return;
+    if (isRefusedFilter(*record)) {
+        callEvent(kEventClosed);
+        return;
+    }
     // A whole block, whatever the record's data says: that counts one packet, and a read may bring many.
     char* const end = rx.prepare(blockLength);
     std::size_t stored = 0;

@@ -48,7 +48,9 @@ void RvKQueueBipipeClient::enableOnData(EventBlock block) noexcept {
 }
 
 void RvKQueueBipipeClient::kevent(const struct kevent* record) noexcept {
-    if (record->filter == EVFILT_READ) {
+    if (isRefusedFilter(*record)) {
+        callEvent(kEventClosed);
+    } else if (record->filter == EVFILT_READ) {
         const Received received = readAvailable(infd, record->data, &rx);
         if (received != Received::kNothing)
             callEvent(received == Received::kBytes ? kEventData : kEventClosed);

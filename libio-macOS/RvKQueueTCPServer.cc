@@ -55,8 +55,8 @@ void RvKQueueTCPServer::kevent(const struct kevent* record) noexcept {
     if (record->filter != EVFILT_READ) return;
     AcceptedConnection accepted = {};
     socklen_t length = sizeof accepted.peer.address;
-    accepted.descriptor =
-        acceptStreamSocket(sock, reinterpret_cast<struct sockaddr*>(&accepted.peer.address), &length);
+    auto* const peer = reinterpret_cast<struct sockaddr*>(&accepted.peer.address);
+    accepted.descriptor = isRefusedFilter(*record) ? -1 : acceptStreamSocket(sock, peer, &length);
     if (accepted.descriptor == -1) {
         RV_LOG_ERROR(logger, "<%p>: cannot accept inet connection", static_cast<void*>(this));
         return;

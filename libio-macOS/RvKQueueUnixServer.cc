@@ -66,9 +66,10 @@ void RvKQueueUnixServer::enableOnData(EventBlock block) noexcept {
 void RvKQueueUnixServer::kevent(const struct kevent* record) noexcept {
     if (record->filter != EVFILT_READ) return;
     AcceptedConnection accepted = {};
-    struct sockaddr_storage peer;
-    socklen_t length = sizeof peer;
-    accepted.descriptor = acceptStreamSocket(sock, reinterpret_cast<struct sockaddr*>(&peer), &length);
+    struct sockaddr_storage address;
+    socklen_t length = sizeof address;
+    auto* const peer = reinterpret_cast<struct sockaddr*>(&address);
+    accepted.descriptor = isRefusedFilter(*record) ? -1 : acceptStreamSocket(sock, peer, &length);
     if (accepted.descriptor == -1) {
         RV_LOG_ERROR(logger, "<%p>: cannot accept unix connection", static_cast<void*>(this));
         return;

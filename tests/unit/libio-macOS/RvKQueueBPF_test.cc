@@ -127,6 +127,19 @@ class RvKQueueBPFCapture : public EngineTest {
     Recorder recorder;
 };
 
+TEST_F(RvKQueueBPFCapture, AFilterThatCannotBeArmedIsEventTwo) {
+    const auto endpoint = loop->createBPF("lo", 4096);
+    ASSERT_TRUE(endpoint);
+    loop->stop();  // the records are this thread's to report
+    loop = RvKQueue::initWithSubsystem(kTestSubsystem);
+    const auto idle = loop->createBPF("lo", 4096);
+    start(idle);
+    const struct kevent record = {0, EVFILT_READ, EV_ADD | EV_ERROR, 0, ENOMEM, idle.get()};
+    idle->kevent(&record);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    loop->start();
+}
+
 TEST_F(RvKQueueBPFCapture, StartIsLoggedAndIsEventZero) {
     const auto endpoint = loop->createBPF("lo", 4096);
     ASSERT_TRUE(endpoint);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "platform/kevent.h"
@@ -68,6 +69,18 @@ TEST_F(RvKQueueBipipeClientCreation, EventZeroComesInsideStartObject) {
     EXPECT_FALSE(events[0].hasBuffer);
     EXPECT_FALSE(events[0].hasDropSize);
     EXPECT_EQ(std::this_thread::get_id(), events[0].thread);
+}
+
+// The error number is not taken for a number of bytes: nobody has written, and a read would not return.
+TEST_F(RvKQueueBipipeClientInput, AFilterThatCannotBeArmedIsEventTwo) {
+    start();
+    for (const int filter : {EVFILT_READ, EVFILT_WRITE}) {
+        const struct kevent record = {
+            0, static_cast<std::int16_t>(filter), kArmed | EV_ERROR, 0, ENOMEM, endpoint.get()};
+        endpoint->kevent(&record);
+    }
+    EXPECT_EQ(2, recorder.count(kEventClosed));
+    EXPECT_EQ(0, recorder.count(kEventData));
 }
 
 TEST_F(RvKQueueBipipeClientInput, IsOfferedAndKept) {

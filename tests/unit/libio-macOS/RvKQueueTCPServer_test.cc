@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "libio-macOS/AcceptedConnection.h"
@@ -49,6 +50,15 @@ class RvKQueueTCPServerListen : public EngineTest {
     Recorder recorder;
 };
 using RvKQueueTCPServerAccept = RvKQueueTCPServerListen;
+
+// Nobody has connected, and an accept would not return.
+TEST_F(RvKQueueTCPServerAccept, AFilterThatCannotBeArmedIsAFailedAccept) {
+    const auto server = makeServer();
+    const struct kevent record = {0, EVFILT_READ, EV_ADD | EV_ERROR, 0, ENOMEM, server.get()};
+    server->kevent(&record);
+    EXPECT_TRUE(
+        isLogged(LogLevel::kError, "<" + pointerText(server.get()) + ">: cannot accept inet connection"));
+}
 
 TEST_F(RvKQueueTCPServerListen, IsLogged) {
     address = loopback(freePort());

@@ -49,6 +49,15 @@ class RvKQueueUnixServerListen : public EngineTest {
 };
 using RvKQueueUnixServerAccept = RvKQueueUnixServerListen;
 
+// Nobody has connected, and an accept would not return.
+TEST_F(RvKQueueUnixServerAccept, AFilterThatCannotBeArmedIsAFailedAccept) {
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    const struct kevent record = {0, EVFILT_READ, EV_ADD | EV_ERROR, 0, ENOMEM, server.get()};
+    server->kevent(&record);
+    EXPECT_TRUE(
+        isLogged(LogLevel::kError, "<" + pointerText(server.get()) + ">: cannot accept unix connection"));
+}
+
 TEST_F(RvKQueueUnixServerListen, IsLogged) {
     const auto server = loop->createUnixServer(path.c_str(), 0600);
     ASSERT_TRUE(server);

@@ -156,6 +156,53 @@ TEST_F(RvKQueueThreadFault, WithoutALaterSnapshotTheThreadEnds) {
     for (const auto& probe : probes) EXPECT_EQ(1, probe->stops);
 }
 
+TEST_F(RvKQueueRegistryFault, ANullEndpointIsReportedOrIgnored) {
+    loop->addActiveObject(nullptr);
+    EXPECT_EQ(1U, loggedErrors().size());
+    EXPECT_TRUE(loop->write(nullptr, "x", 1));
+    loop->startObject(nullptr, {});
+    loop->stopObject(nullptr);
+    EXPECT_EQ(1U, loggedErrors().size());
+}
+
+// Together the changes of the I/O thread and of another one are more than a list has room for.
+TEST_F(RvKQueueThreadFault, ChangesThatCannotBeJoinedGoOutOneTurnAfterTheOther) {
+    constexpr int kTimers = 160;
+    std::vector<std::shared_ptr<RvKQueueTimer>> timers;
+    for (int i = 0; i < kTimers; ++i) timers.push_back(loop->createTimer(1, true));
+    loop->start();
+    std::atomic<int> fired{0};
+    const auto start = [&](int from, int to) {
+        for (int i = from; i < to; ++i) {
+            loop->startObject(timers[static_cast<std::size_t>(i)],
+                              Recorder().block([&](const RecordedEvent&, std::uint64_t*) {
+                                  ++fired;
+                                  return true;
+                              }));
+        }
+    };
+    std::atomic<bool> failed{false};
+    const auto first = loop->createTimer(50, false);
+    const auto second = loop->createTimer(100, false);
+    std::atomic<bool> begun{false};
+    loop->startObject(first,
+                      [&](RvKQueueEventProtocol*, const char*, std::uint64_t, std::uint64_t*, std::int32_t) {
+                          if (begun.exchange(true)) return true;
+                          start(0, kTimers / 2);
+                          std::thread([&] { start(kTimers / 2, kTimers); }).join();
+                          faults::failHere(Kind::kRealloc, 1, 2);
+                          return true;
+                      });
+    loop->startObject(second,
+                      [&](RvKQueueEventProtocol*, const char*, std::uint64_t, std::uint64_t*, std::int32_t) {
+                          failed = failed || (begun && faults::hasFailed());
+                          return true;
+                      });
+    EXPECT_TRUE(waitUntil([&] { return fired == kTimers && failed; }));
+    EXPECT_EQ(std::vector<std::string>{}, loggedErrors());
+    loop->stop();
+}
+
 TEST_F(RvKQueueRegistryFault, AnEndpointThatCannotBeRegisteredIsReported) {
     // The registry needs memory only when it outgrows what it started with.
     std::shared_ptr<ProbeEndpoint> probe;

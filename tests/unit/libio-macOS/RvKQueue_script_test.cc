@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <functional>
+#include <thread>
 
 #include "libio-macOS/RvKQueueStreamSocket.h"
 #include "libio-macOS/RvKQueueTimer.h"
@@ -37,6 +39,22 @@ class RvKQueueScript : public EngineTest {
         batch.push_back(record(0, EVFILT_READ, EV_ADD, last.get()));
         scripted_kernel::deliver(std::move(batch));
         ASSERT_TRUE(waitUntil([&] { return last->kevents == 1; }));
+    }
+
+    // Does the work inside an event block; returns when it is done.
+    void onTheIoThread(const std::function<void()>& work) {
+        std::atomic<bool> done{false};
+        DescriptorPair pair = DescriptorPair::socketPair();
+        const auto endpoint = loop->createStreamSocket(pair.release(0), true);
+        loop->startObject(endpoint, Recorder().block([&](const RecordedEvent& event, std::uint64_t*) {
+            if (event.code != kEventClosed) return true;
+            work();
+            done = true;
+            return true;
+        }));
+        waitForTurn();
+        scripted_kernel::deliver({record(0, EVFILT_READ, EV_ADD, endpoint.get(), 0)});
+        ASSERT_TRUE(waitUntil([&] { return done.load(); }));
     }
 
     int countChanges(const void* udata, int filter, int flags) {
@@ -175,6 +193,44 @@ TEST_F(RvKQueueScript, ChangesKeepTheirOrder) {
         EXPECT_EQ(expected++, change.ident);
     }
     EXPECT_EQ(kCount, expected);
+}
+
+TEST_F(RvKQueueScript, ChangesOfABlockKeepTheirPlaceAmongThoseOfOtherThreads) {
+    const auto probe = addProbe();
+    const auto submit = [&](std::uint64_t ident) {
+        loop->submitChange(record(ident, EVFILT_READ, EV_ADD, probe.get()));
+    };
+    const auto submitElsewhere = [&](std::uint64_t ident) { std::thread([&] { submit(ident); }).join(); };
+    onTheIoThread([&] {
+        submit(1);
+        submit(2);
+        submitElsewhere(3);
+        submit(4);
+        submitElsewhere(5);
+    });
+    ASSERT_TRUE(scripted_kernel::waitForChange([](const auto& change) { return change.ident == 5; }));
+    std::uint64_t expected = 1;
+    for (const struct kevent& change : scripted_kernel::changes()) {
+        if (change.udata != probe.get()) continue;
+        EXPECT_EQ(expected++, change.ident);
+    }
+    EXPECT_EQ(6U, expected);
+}
+
+TEST_F(RvKQueueScript, ABlockCannotAddAFilterForAnUnregisteredEndpointEither) {
+    const auto stranger = std::make_shared<ProbeEndpoint>();
+    const auto late = std::make_shared<ProbeEndpoint>();
+    onTheIoThread([&] {
+        loop->submitChange(record(1, EVFILT_READ, EV_ADD, stranger.get()));
+        loop->submitChange(record(2, EVFILT_READ, EV_DELETE, stranger.get()));
+        loop->addActiveObject(late);
+        loop->submitChange(record(3, EVFILT_READ, EV_ADD, late.get()));
+        loop->submitChange(record(4, EVFILT_READ, EV_ADD, stranger.get()));
+    });
+    ASSERT_TRUE(
+        scripted_kernel::waitForChange([&](const auto& change) { return change.udata == late.get(); }));
+    EXPECT_EQ(0, countChanges(stranger.get(), EVFILT_READ, EV_ADD));
+    EXPECT_EQ(1, countChanges(stranger.get(), EVFILT_READ, EV_DELETE));
 }
 
 TEST_F(RvKQueueScript, ALongChangeListGoesOutWholeWithRoomForItsReceipts) {
