@@ -1,12 +1,19 @@
 // The requests of the client without memory: each has its message, and what is sent is whole.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
 #include <functional>
+#include <iterator>
+#include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fuzz/offline_client.h"
+#include "libio-macOS/RvKQueue.h"
 #include "unit/rules/captured_stderr.h"
 #include "unit/rules/failing_new.h"
 
@@ -138,6 +145,48 @@ TEST(ClientFaultCallbacks, ASetterWithoutMemoryChangesNothing) {
     EXPECT_FALSE(set);
     (*offlineClient()->onError())();
     EXPECT_EQ(1, calls);
+}
+
+TEST(ClientFaultStart, WithoutMemoryThereIsNoConnection) {
+    const std::shared_ptr<RvKQueue> engine = RvKQueue::initWithSubsystem("fault");
+    const std::shared_ptr<RvTetherIPCClient> client = RvTetherIPCClient::initWithKQueue(engine);
+    int errors = 0;
+    ASSERT_TRUE(client->setOnError([&] { ++errors; }));
+    CapturedStderr said;
+    allocationsLeft = 0;
+    client->start();
+    allocationsLeft = -1;
+    EXPECT_EQ("cannot connect\n", said.take());
+    EXPECT_EQ(1, errors);
+}
+
+std::ptrdiff_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// The loop that is to close the sockets runs only after the refusals: they are for this thread alone.
+TEST(ClientFaultStart, NoSocketIsLeftOfAClientThatFindsNoMemory) {
+    const std::shared_ptr<RvKQueue> engine = RvKQueue::initWithSubsystem("fault");
+    const std::ptrdiff_t before = openDescriptors();
+    std::shared_ptr<RvTetherIPCClient> client;
+    int refusals = 0;
+    for (long successes = 0; !client; ++successes) {
+        ASSERT_LT(successes, 1000);
+        allocationsLeft = successes;
+        client = RvTetherIPCClient::initWithKQueue(engine);
+        allocationsLeft = -1;
+        refusals += client ? 0 : 1;
+    }
+    EXPECT_GT(refusals, 1);
+    client->stop();
+    client.reset();
+    engine->start();
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (openDescriptors() > before && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(before, openDescriptors());
+    engine->stop();
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "fake_daemon/fake_daemon.h"
@@ -352,6 +353,43 @@ TEST(Client, StopDropsTheCallbacks) {
     EXPECT_EQ(client->onConnected(), nullptr);
     EXPECT_EQ(client->onData(), nullptr);
     EXPECT_EQ(client->onError(), nullptr);
+}
+
+TEST(Client, StopLetsGoOfTheConnectionAndTheClient) {
+    fake::FakeDaemon daemon{fake::Script()};
+    Log log;
+    const std::shared_ptr<RvKQueue> loop = RvKQueue::initWithSubsystem(kSubsystem);
+    std::shared_ptr<RvTetherIPCClient> client = RvTetherIPCClient::initWithKQueue(loop);
+    observe(*client, log);
+    loop->start();
+    client->start();
+    ASSERT_TRUE(log.waitFor("connected"));
+    client->stop();
+    client->getDeviceList();
+    const std::weak_ptr<RvTetherIPCClient> kept = std::exchange(client, nullptr);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!kept.expired() && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::yield();
+    }
+    EXPECT_TRUE(kept.expired());
+    loop->stop();
+    daemon.finish();
+    EXPECT_TRUE(daemon.requests().empty());
+    EXPECT_EQ(log.entries(), (std::vector<std::string>{"connected"}));
+}
+
+TEST(Client, MayOutliveItsLoop) {
+    std::shared_ptr<RvKQueue> loop = RvKQueue::initWithSubsystem(kSubsystem);
+    const std::shared_ptr<RvTetherIPCClient> client = RvTetherIPCClient::initWithKQueue(loop);
+    Log log;
+    observe(*client, log);
+    loop.reset();
+    client->start();
+    client->getDeviceList();
+    client->stop();
+    client->stop();
+    EXPECT_EQ(client->onConnected(), nullptr);
+    EXPECT_EQ(log.entries(), std::vector<std::string>{});
 }
 
 }  // namespace
