@@ -1,5 +1,5 @@
 /// The queue without memory or descriptors: each allocation fails once, and what could not be done is ENOMEM.
-/// And the queue on a kernel that does not know the newer of its calls.
+/// And the queue with a kernel that refuses its watches, or that does not know the newer of its calls.
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -13,7 +13,9 @@
 
 namespace {
 
-int countdown = 0;  // the allocation that fails: 1 is the next one; 0: none
+int countdown = 0;         // the allocation that fails: 1 is the next one; 0: none
+int refusedOperation = 0;  // of epoll_ctl(2); 0: none
+int refusal = 0;           // its errno
 bool oldKernel = false;
 int refusals = 0;  // of the old kernel
 
@@ -35,6 +37,15 @@ void* __wrap_calloc(size_t count, size_t size) {
 }
 void* __wrap_realloc(void* memory, size_t size) {
     return fails() ? nullptr : __real_realloc(memory, size);
+}
+
+int __real_epoll_ctl(int epoll, int operation, int fd, epoll_event* event);
+int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event);
+
+int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event) {
+    if (operation != refusedOperation) return __real_epoll_ctl(epoll, operation, fd, event);
+    errno = refusal;
+    return -1;
 }
 
 int __real_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec* timeout,
@@ -154,6 +165,43 @@ TEST(KeventFault, StaleEntryWithoutADescriptorForTheNewInstanceIsSilentStill) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_TRUE(events.empty());
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+}
+
+/// How a change ends when the kernel refuses one operation.
+int applyRefused(const Queue& queue, const struct kevent& one, int operation, int error) {
+    refusedOperation = operation;
+    refusal = error;
+    const int result = queue.apply(one);
+    refusedOperation = 0;
+    return result;
+}
+
+TEST(KeventFault, AWatchThatTheKernelRefusesIsNotThere) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    const auto read = change(fd, EVFILT_READ, kArm);
+    EXPECT_EQ(applyRefused(queue, read, EPOLL_CTL_ADD, ENOMEM), ENOMEM);
+    EXPECT_EQ(applyRefused(queue, read, EPOLL_CTL_ADD, ENOSPC), ENOMEM) << "the user's watches are used up";
+    EXPECT_EQ(queue.apply(change(fd, EVFILT_READ, EV_DELETE)), ENOENT);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(queue.collect().size(), 0U);
+    EXPECT_EQ(queue.apply(read), 0);
+    EXPECT_EQ(queue.collect().size(), 1U);
+}
+
+TEST(KeventFault, AChangeThatTheKernelRefusesLeavesTheOtherFilter) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    const auto write = change(fd, EVFILT_WRITE, kArm | EV_CLEAR);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    EXPECT_EQ(applyRefused(queue, write, EPOLL_CTL_MOD, ENOMEM), ENOMEM);
+    EXPECT_EQ(queue.apply(change(fd, EVFILT_WRITE, EV_DELETE)), ENOENT);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_THAT(queue.collect(), testing::ElementsAre(IsEvent(fd, EVFILT_READ)));
+    EXPECT_EQ(queue.apply(write), 0);
+    EXPECT_EQ(queue.collect().size(), 2U);
 }
 
 /// epoll_pwait2(2) is there since Linux 5.11.
