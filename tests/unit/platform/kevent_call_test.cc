@@ -92,6 +92,19 @@ TEST(KeventCall, NegativeCountsAreInvalid) {
     EXPECT_EQ(errno, EINVAL);
 }
 
+TEST(KeventCall, ListsThatAreNotThereAreFaults) {
+    const Queue queue;
+    const timespec none{};
+    for (const int count : {1, 2}) {
+        errno = 0;
+        EXPECT_EQ(kevent(queue.fd(), nullptr, count, nullptr, 0, &none), -1);
+        EXPECT_EQ(errno, EFAULT);
+        errno = 0;
+        EXPECT_EQ(kevent(queue.fd(), nullptr, 0, nullptr, count, &none), -1);
+        EXPECT_EQ(errno, EFAULT);
+    }
+}
+
 TEST(KeventCall, DescriptorThatIsNoQueueIsBad) {
     struct kevent event {};
     const timespec none{};

@@ -124,7 +124,8 @@ TEST(KeventReceipts, ReceiptFlagAnswersSuccessToo) {
 
 TEST(KeventReceipts, ReceiptOfSuccessWithoutRoomIsDropped) {
     const Queue queue;
-    EXPECT_EQ(queue.apply(change(1, EVFILT_TIMER, kArm | EV_RECEIPT, 1000)), 0);
+    const auto timer = change(1, EVFILT_TIMER, kArm | EV_RECEIPT, 1000);
+    EXPECT_EQ(kevent(queue.fd(), &timer, 1, nullptr, 0, nullptr), 0);
 }
 
 TEST(KeventReceipts, OneArrayServesAsBothLists) {
