@@ -21,6 +21,8 @@ constexpr std::size_t kInitialStopObjects = 100;
 constexpr std::size_t kInitialObjects = 16;
 constexpr std::size_t kAddressTextBytes = 100;
 constexpr std::chrono::seconds kStopPoll{1};
+// A timer this long can wait for the end of the current turn, which is at most a twentieth of it.
+constexpr std::int64_t kPatientTimerMs = 100;
 
 // Where an address has its port and its bytes; empty for a family without them.
 struct InetParts {
@@ -38,6 +40,10 @@ InetParts inetParts(const struct sockaddr* address) noexcept {
         return {in6->sin6_port, &in6->sin6_addr};
     }
     return {};
+}
+
+bool isPatient(const struct kevent& change) noexcept {
+    return change.filter == EVFILT_TIMER && change.data >= kPatientTimerMs;
 }
 
 }  // namespace
@@ -69,7 +75,7 @@ const char* RvKQueue::prepare() noexcept {
     {
         const LockGuard guard(timersLock);
         if (!timerIdents.reserve()) return "cannot initialize timer id dict";
-        if (!timerObjects.reserve(kInitialObjects)) return "cannot initialize timer obj dict";
+        if (!reserveTimers()) return "cannot initialize timer obj dict";
     }
     if (!lock.isUsable()) return "cannot initialize lock";
     {
@@ -84,6 +90,13 @@ const char* RvKQueue::prepare() noexcept {
     ioThread = Thread::create(&ioThreadBody, this);
     if (!ioThread) return "cannot initialize io thread";
     return nullptr;
+}
+
+bool RvKQueue::reserveTimers() noexcept try {
+    timerObjects.reserve(kInitialObjects);
+    return true;
+} catch (const std::exception&) {
+    return false;
 }
 
 void RvKQueue::start() noexcept {
@@ -163,7 +176,7 @@ void RvKQueue::submitChange(const struct kevent& change) noexcept {
         if (!appendChange(change, &changeList)) return;
         isTouched.store(true, std::memory_order_relaxed);
     }
-    wakeIoThread();
+    if (!isPatient(change)) wakeIoThread();
 }
 
 // The same for the I/O thread alone, as long as its snapshot is the registry and nobody's changes wait that
@@ -213,10 +226,13 @@ bool RvKQueue::isActive(const RvKQueueEventProtocol* endpoint) noexcept {
 }
 
 void RvKQueue::stopObject(const RvKQueueEventProtocol* endpoint) noexcept {
+    bool isUrgent = true;
     {
         const LockGuard guard(lock);
         EndpointTable::Pointer object = activeList.take(endpoint);
         if (!object) return;
+        // What is left of a stopped timer is nothing that anybody would miss before the turn ends by itself.
+        isUrgent = object->timerIdent() < 0;
         if (!stopList.insert(object)) {
             (void)activeList.insert(std::move(object));  // has room: one has just left
             RV_LOG_ERROR(logger, "<%p>: cannot stop object", static_cast<const void*>(endpoint));
@@ -224,7 +240,7 @@ void RvKQueue::stopObject(const RvKQueueEventProtocol* endpoint) noexcept {
         }
         noteActiveChange(endpoint);
     }
-    wakeIoThread();
+    if (isUrgent) wakeIoThread();
 }
 
 void RvKQueue::noteActiveChange(const void* endpoint) noexcept {
@@ -243,8 +259,12 @@ void RvKQueue::noteActiveChange(const void* endpoint) noexcept {
 
 void RvKQueue::removeTimer(const RvKQueueEventProtocol* object) noexcept {
     const LockGuard guard(timersLock);
-    const EndpointTable::Pointer timer = timerObjects.take(object);
-    if (timer) timerIdents.erase(static_cast<const RvKQueueTimer&>(*timer).number());
+    const std::int32_t ident = object == nullptr ? -1 : object->timerIdent();
+    if (!timerIdents.contains(ident)) return;
+    std::shared_ptr<RvKQueueTimer>& timer = timerObjects[static_cast<std::size_t>(ident)];
+    if (timer.get() != object) return;
+    timer.reset();
+    timerIdents.erase(ident);
 }
 
 bool RvKQueue::isHereTimerIdent(std::int32_t number) noexcept {

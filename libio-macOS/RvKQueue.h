@@ -145,6 +145,7 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
   private:
     const char* prepare() noexcept;
     bool isActive(const RvKQueueEventProtocol* endpoint) noexcept;
+    bool reserveTimers() noexcept RV_REQUIRES(timersLock);
     bool listTimer(const std::shared_ptr<RvKQueueTimer>& timer, std::int32_t ident) noexcept
         RV_REQUIRES(timersLock);
 
@@ -200,7 +201,8 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
 
     RecursiveLock timersLock;
     TimerIdents timerIdents RV_GUARDED_BY(timersLock);
-    EndpointTable timerObjects RV_GUARDED_BY(timersLock);  ///< RvKQueueTimers; strong, until they are retired
+    /// The timers at the places of their idents; strong, until they are retired.
+    std::vector<std::shared_ptr<RvKQueueTimer>> timerObjects RV_GUARDED_BY(timersLock);
 };
 
 #endif

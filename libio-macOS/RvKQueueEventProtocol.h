@@ -55,6 +55,9 @@ class RvKQueueEventProtocol {
     /// I/O thread, or by the loop's stop once that thread has ended; and by a factory that gives up.
     virtual void stop() noexcept = 0;
 
+    /// The ident of a timer; -1 for all others.
+    virtual std::int32_t timerIdent() const noexcept { return -1; }
+
     /// Whether kevent takes records whose bytes were not counted (KEVENT_UNCOUNTED); for all others the loop
     /// counts them first.
     virtual bool takesUncounted() const noexcept { return false; }

@@ -1,5 +1,6 @@
 #include "libio-macOS/RvKQueueTimer.h"
 
+#include <exception>
 #include <optional>
 #include <utility>
 
@@ -39,10 +40,14 @@ std::shared_ptr<RvKQueueTimer> RvKQueue::addTimer(std::uint64_t ms, std::int32_t
     return timer;
 }
 
-bool RvKQueue::listTimer(const std::shared_ptr<RvKQueueTimer>& timer, std::int32_t ident) noexcept {
-    if (!timerObjects.insert(timer)) return false;
+bool RvKQueue::listTimer(const std::shared_ptr<RvKQueueTimer>& timer, std::int32_t ident) noexcept try {
+    const auto place = static_cast<std::size_t>(ident);
+    if (place >= timerObjects.size()) timerObjects.resize(place + 1);
+    timerObjects[place] = timer;
     timerIdents.insert(ident);
     return true;
+} catch (const std::exception&) {
+    return false;
 }
 
 std::shared_ptr<RvKQueueTimer> RvKQueueTimer::initWithIdent(std::int32_t number, std::int32_t millisec,

@@ -40,8 +40,7 @@ class RvKQueueTimer : public RvKQueueEventProtocol {
     void write(const void* bytes, std::uint64_t size) noexcept override;
     void stop() noexcept override;
 
-    /// The timer's ident.
-    std::int32_t number() const noexcept { return ident; }
+    std::int32_t timerIdent() const noexcept override { return ident; }
 
     /// Fills in a change record for the kernel's timer.
     ///

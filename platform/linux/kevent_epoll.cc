@@ -32,14 +32,16 @@ int checkArguments(const struct kevent* changes, int nchanges, const struct keve
     return 0;
 }
 
-int applyChange(Kqueue& queue, const struct kevent& change, bool userSpace) {
+/// now: the time at which the timers of this list start; 0 until there is one.
+int applyChange(Kqueue& queue, const struct kevent& change, bool userSpace, int64_t& now) {
     switch (change.filter) {
         case EVFILT_READ:
         case EVFILT_WRITE:
             return changeDescriptor(queue, change, userSpace);
         case EVFILT_TIMER:
             queue.pollsChanged = true;
-            return changeTimer(queue.timers, change, clockNs(CLOCK_MONOTONIC));
+            if (now == 0) now = clockNs(CLOCK_MONOTONIC);
+            return changeTimer(queue.timers, change, now);
         default:
             return EINVAL;
     }
@@ -52,10 +54,11 @@ int applyChanges(Kqueue& queue, const struct kevent* changes, int nchanges, stru
                  int nevents) {
     const bool userSpace = nevents > 0 && queue.waiters == 0;
     int records = 0;
+    int64_t now = 0;
     for (int i = 0; i < nchanges; ++i) {
         struct kevent change = changes[i];  // a copy: the record may go where the change stands
         change.flags = static_cast<uint16_t>(change.flags & ~kSystemFlags);
-        const int error = applyChange(queue, change, userSpace);
+        const int error = applyChange(queue, change, userSpace, now);
         if (error == 0 && (change.flags & EV_RECEIPT) == 0) continue;
         if (records < nevents) {
             events[records] = change;
