@@ -1,5 +1,6 @@
 // The requests of the client without memory: each has its message, and what is sent is whole.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <chrono>
 #include <cstddef>
@@ -113,6 +114,28 @@ TEST(ClientFaultTexts, TextThatIsNotUtf8HasTheSameMessages) {
     EXPECT_FALSE(client.testRuleForDevice(1, "net", bad.c_str()));
     EXPECT_EQ(kNoString, said.take());
     EXPECT_TRUE(takeSent().empty());
+}
+
+TEST(ClientFaultRules, RulesThatFindNoMemoryAreNotSent) {
+    CapturedStderr said;
+    allocationsLeft = 0;
+    const bool sent = offlineClient()->loadRuleList(kRules);
+    allocationsLeft = -1;
+    EXPECT_FALSE(sent);
+    EXPECT_EQ(kNoDictionary, said.take());
+    EXPECT_TRUE(takeSent().empty());
+}
+
+// The length has 32 bits. Nothing of such rules is read, so that addresses without memory will do.
+TEST(ClientFaultRules, RulesThatNoFrameCanHoldAreNotSent) {
+    constexpr std::size_t kBytes = std::size_t{1} << 32;
+    void* const place = mmap(nullptr, kBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(MAP_FAILED, place);
+    CapturedStderr said;
+    EXPECT_FALSE(offlineClient()->loadRuleList({static_cast<const char*>(place), kBytes}));
+    EXPECT_EQ(kNoDictionary, said.take());
+    EXPECT_TRUE(takeSent().empty());
+    (void)munmap(place, kBytes);
 }
 
 TEST(ClientFaultReceiving, ABodyThatFindsNoMemoryCannotBeParsed) {
