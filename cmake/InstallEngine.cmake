@@ -27,7 +27,8 @@ rv_install_library(rvplatform
   platform/wakeup.h)
 rv_install_library(rvio
   libio-macOS/AcceptedConnection.h libio-macOS/ByteBuffer.h libio-macOS/EndpointTable.h libio-macOS/EventBlockSlot.h
-  libio-macOS/ParentLoop.h libio-macOS/PendingOutput.h libio-macOS/RvKQueue.h libio-macOS/RvKQueueBPF.h
+  libio-macOS/OutputRun.h libio-macOS/ParentLoop.h libio-macOS/PendingOutput.h libio-macOS/RvKQueue.h
+  libio-macOS/RvKQueueBPF.h
   libio-macOS/RvKQueueBipipeClient.h libio-macOS/RvKQueueEventProtocol.h libio-macOS/RvKQueueStreamSocket.h
   libio-macOS/RvKQueueTCPClient.h libio-macOS/RvKQueueTCPServer.h libio-macOS/RvKQueueTimer.h
   libio-macOS/RvKQueueUnixClient.h libio-macOS/RvKQueueUnixServer.h libio-macOS/TimerIdents.h)

@@ -7,8 +7,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "libio-macOS/ByteBuffer.h"
+#include "libio-macOS/OutputRun.h"
 #include "platform/lock.h"
 
 /// The send queue of an endpoint with the lock that guards it. No other lock is taken while it is held, and
@@ -32,6 +34,11 @@ class PendingOutput {
     /// onIoThread  whether the caller is the I/O thread, which needs no lock to queue behind its own bytes
     void append(const void* bytes, std::uint64_t size, bool onIoThread) noexcept;
 
+    /// Queues a copy of `head`, then the bytes of `body` themselves, then a copy of `tail`, with nothing
+    /// between. A body that meets another one in the queue is copied as well. Any thread; without memory as
+    /// above.
+    void append(std::string_view head, SharedBytes body, std::string_view tail) noexcept;
+
     /// Whether nothing is queued. The I/O thread.
     bool isEmpty() const noexcept { return remaining() == 0; }
 
@@ -45,15 +52,17 @@ class PendingOutput {
 
   private:
     bool takeQueued(std::size_t wanted) noexcept;
+    void appendCopy(const void* bytes, std::size_t size) noexcept RV_REQUIRES(txlock);
     void noteQueued() noexcept RV_REQUIRES(txlock);
     std::size_t remaining() const noexcept { return sending.size() + queued.load(std::memory_order_relaxed); }
 
     mutable RecursiveLock txlock;
-    ByteBuffer tx RV_GUARDED_BY(txlock);
-    /// Bytes in tx, for those who only ask whether there are any; lost ones count as one. Written under
+    OutputRun tx RV_GUARDED_BY(txlock);
+    ByteBuffer behind RV_GUARDED_BY(txlock);  ///< goes out after tx, which is closed while there is any
+    /// Bytes in both, for those who only ask whether there are any; lost ones count as one. Written under
     /// txlock.
     std::atomic<std::size_t> queued = 0;
-    ByteBuffer sending;  ///< goes out before tx; the I/O thread's alone
+    OutputRun sending;  ///< goes out before tx; the I/O thread's alone
     bool lostBytes RV_GUARDED_BY(txlock) = false;
 };
 

@@ -125,6 +125,12 @@ void RvKQueueStreamSocket::write(const void* bytes, std::uint64_t size) noexcept
     submitWrite(kArmFlags);
 }
 
+void RvKQueueStreamSocket::writeShared(std::string_view head, SharedBytes body,
+                                       std::string_view tail) noexcept {
+    tx.append(head, std::move(body), tail);
+    submitWrite(kArmFlags);
+}
+
 void RvKQueueStreamSocket::stop() noexcept {
     RV_LOG_DEBUG(logger, "<%p>: stop", static_cast<void*>(this));
     if (sock != -1) {

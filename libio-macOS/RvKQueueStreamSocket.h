@@ -7,9 +7,11 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "libio-macOS/ByteBuffer.h"
 #include "libio-macOS/EventBlockSlot.h"
+#include "libio-macOS/OutputRun.h"
 #include "libio-macOS/ParentLoop.h"
 #include "libio-macOS/PendingOutput.h"
 #include "libio-macOS/RvKQueueEventProtocol.h"
@@ -49,6 +51,11 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
     void write(const void* bytes, std::uint64_t size) noexcept override;
     void stop() noexcept override;
     bool takesUncounted() const noexcept override { return true; }
+
+    /// Queues copies of `head` and `tail` and between them the bytes of `body` themselves, which are not
+    /// copied: for output so large that a copy costs more than the bookkeeping. The owner is released once
+    /// they are sent, or with the endpoint. Any thread.
+    void writeShared(std::string_view head, SharedBytes body, std::string_view tail) noexcept;
 
     /// Buffered delivery of all received bytes with the given event code. The I/O thread.
     void callEvent(std::int32_t event) noexcept;

@@ -1,5 +1,7 @@
 #include "IPCClient.h"
 
+#include <algorithm>
+#include <array>
 #include <boost/json/serializer.hpp>
 #include <cstdio>
 #include <exception>
@@ -24,6 +26,9 @@ constexpr char kNoNumber[] = "cannot allocate number for request";
 constexpr char kNoString[] = "cannot allocate string for request";
 constexpr char kNoDictionaryLine[] = "cannot allocate dictionary for request\n";
 constexpr char kNoPreferencesLine[] = "cannot allocate dictionary for preferences\n";
+
+/// A frame that has less than this is sent as a copy, which takes one system call.
+constexpr std::size_t kLeastSharedBytes = 65536;
 
 void complain(const char* message) noexcept {
     (void)std::fputs(message, stderr);  // nobody is left to tell
@@ -123,7 +128,7 @@ std::optional<std::string> encodeFrame(const JsonObject* dictionary, std::int32_
 
 std::shared_ptr<RvTetherIPCClient> RvTetherIPCClient::initWithKQueue(
     const std::shared_ptr<RvKQueue>& kqueue) noexcept {
-    std::shared_ptr<RvKQueueEventProtocol> endpoint = kqueue->createUnixClient(kControlSocketPath);
+    std::shared_ptr<RvKQueueUnixClient> endpoint = kqueue->createUnixClient(kControlSocketPath);
     if (!endpoint) {
         return nullptr;
     }
@@ -136,7 +141,7 @@ std::shared_ptr<RvTetherIPCClient> RvTetherIPCClient::initWithKQueue(
 }
 
 RvTetherIPCClient::RvTetherIPCClient(Private, const std::shared_ptr<RvKQueue>& kqueue,
-                                     std::shared_ptr<RvKQueueEventProtocol> endpoint) noexcept
+                                     std::shared_ptr<RvKQueueUnixClient> endpoint) noexcept
     : kq(kqueue), unix_(std::move(endpoint)) {}
 
 RvTetherIPCClient::~RvTetherIPCClient() = default;
@@ -166,7 +171,7 @@ std::shared_ptr<const RvTetherIPCClient::OnError> RvTetherIPCClient::onError() c
 }
 
 /// Null after stop().
-std::shared_ptr<RvKQueueEventProtocol> RvTetherIPCClient::endpoint() const noexcept {
+std::shared_ptr<RvKQueueUnixClient> RvTetherIPCClient::endpoint() const noexcept {
     const LockGuard<Lock> guard(endpointLock);
     return unix_;
 }
@@ -189,7 +194,7 @@ void RvTetherIPCClient::start() noexcept {
 }
 
 void RvTetherIPCClient::stop() noexcept {
-    const std::shared_ptr<RvKQueueEventProtocol> stopped = endpoint();
+    const std::shared_ptr<RvKQueueUnixClient> stopped = endpoint();
     if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && stopped) {
         loop->stopObject(stopped);
     }
@@ -245,9 +250,17 @@ void RvTetherIPCClient::sendJSON(const JsonObject* dictionary, std::int32_t comm
 }
 
 void RvTetherIPCClient::send(std::string_view frame) noexcept {
-    const std::shared_ptr<RvKQueueEventProtocol> target = endpoint();
+    const std::shared_ptr<RvKQueueUnixClient> target = endpoint();
     if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && target) {
         (void)loop->write(target, frame.data(), frame.size());  // always true: failures come as events
+    }
+}
+
+void RvTetherIPCClient::sendShared(std::string_view head, std::string_view body,
+                                   std::shared_ptr<const void> owner, std::string_view tail) noexcept {
+    const std::shared_ptr<RvKQueueUnixClient> target = endpoint();
+    if (const std::shared_ptr<RvKQueue> loop = kq.lock(); loop && target) {
+        target->writeShared(head, {std::move(owner), body.data(), body.size()}, tail);
     }
 }
 
@@ -322,7 +335,7 @@ void RvTetherIPCClient::getRuleList() noexcept {
 }
 
 // In one piece: with a part of it queued the rest might find no memory, and half a frame would leave.
-bool RvTetherIPCClient::loadRuleList(std::string_view rules) noexcept {
+bool RvTetherIPCClient::loadRuleList(std::string_view rules, std::shared_ptr<const void> owner) noexcept {
     constexpr std::string_view kBefore = R"({"rules":)";
     constexpr std::string_view kAfter = "}";
     const std::uint64_t length = kBefore.size() + rules.size() + kAfter.size();
@@ -330,13 +343,18 @@ bool RvTetherIPCClient::loadRuleList(std::string_view rules) noexcept {
         complain(kNoDictionary);
         return false;
     }
-    char header[kFrameHeaderBytes];
-    encodeFrameHeader({kCmdLoadRules, static_cast<std::uint32_t>(length)}, header);
+    std::array<char, kFrameHeaderBytes + kBefore.size()> start;
+    encodeFrameHeader({kCmdLoadRules, static_cast<std::uint32_t>(length)}, start.data());
+    std::copy(kBefore.begin(), kBefore.end(), start.begin() + kFrameHeaderBytes);
+    const std::string_view head(start.data(), start.size());
+    if (owner && rules.size() >= kLeastSharedBytes) {
+        sendShared(head, rules, std::move(owner), kAfter);
+        return true;
+    }
     try {
         std::string frame;
-        frame.reserve(sizeof header + length);
-        frame.append(header, sizeof header).append(kBefore).append(rules).append(kAfter);
-        send(frame);
+        frame.reserve(head.size() + rules.size() + kAfter.size());
+        send(frame.append(head).append(rules).append(kAfter));
         return true;
     } catch (const std::exception&) {
         complain(kNoDictionary);

@@ -17,7 +17,7 @@
 #include "platform/lock.h"
 
 class RvKQueue;
-class RvKQueueEventProtocol;
+class RvKQueueUnixClient;
 
 inline constexpr char kControlSocketPath[] = "/var/run/rvusbpctl.sock";
 
@@ -36,7 +36,7 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
         const std::shared_ptr<RvKQueue>& kqueue) noexcept;
 
     RvTetherIPCClient(Private, const std::shared_ptr<RvKQueue>& kqueue,
-                      std::shared_ptr<RvKQueueEventProtocol> endpoint) noexcept;
+                      std::shared_ptr<RvKQueueUnixClient> endpoint) noexcept;
     RvTetherIPCClient(const RvTetherIPCClient&) = delete;
     RvTetherIPCClient& operator=(const RvTetherIPCClient&) = delete;
     ~RvTetherIPCClient();
@@ -78,7 +78,9 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
     void startRuleTransaction() noexcept;
     void getRuleList() noexcept;
     /// rules  the whole rule set, in order: the JSON text of an array of records
-    bool loadRuleList(std::string_view rules) noexcept;
+    /// owner  what keeps `rules` alive and unchanged; many are then sent without being copied. Null: they are
+    /// copied
+    bool loadRuleList(std::string_view rules, std::shared_ptr<const void> owner = nullptr) noexcept;
     bool insertRuleForDevice(std::uint32_t deviceId, std::string_view action) noexcept;
     /// host  looked at only when `type` is "net"; must not be null then
     bool testRuleForDevice(std::uint32_t deviceId, std::string_view type, const char* host) noexcept;
@@ -92,13 +94,16 @@ class RvTetherIPCClient : public std::enable_shared_from_this<RvTetherIPCClient>
                      std::int32_t event) noexcept;
     /// Hands a whole frame to the engine; the frame is copied.
     void send(std::string_view frame) noexcept;
+    /// The same for a frame in three parts, of which the body is kept by its owner.
+    void sendShared(std::string_view head, std::string_view body, std::shared_ptr<const void> owner,
+                    std::string_view tail) noexcept;
     bool deliverFrame(std::int32_t command, std::string_view body) noexcept;
     void reportError() noexcept;
-    std::shared_ptr<RvKQueueEventProtocol> endpoint() const noexcept;
+    std::shared_ptr<RvKQueueUnixClient> endpoint() const noexcept;
 
     std::weak_ptr<RvKQueue> kq;  ///< the loop that runs the connection; not kept alive
     mutable Lock endpointLock;
-    std::shared_ptr<RvKQueueEventProtocol> unix_ RV_GUARDED_BY(endpointLock);  ///< strong until stop()
+    std::shared_ptr<RvKQueueUnixClient> unix_ RV_GUARDED_BY(endpointLock);  ///< strong until stop()
 
     CallbackSlot<OnConnected> onConnected_;
     CallbackSlot<OnData> onData_;

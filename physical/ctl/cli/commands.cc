@@ -93,7 +93,8 @@ void askInsert(Conversation& talk) {
 
 void askLoad(Conversation& talk) {
     // The slot keeps the rules: a daemon that answers a step twice is asked the same again.
-    askOrFail(talk, [&](RvTetherIPCClient& client) { return client.loadRuleList(*talk.slots.ruleSet); });
+    const RuleSet& rules = talk.slots.ruleSet;
+    askOrFail(talk, [&](RvTetherIPCClient& client) { return client.loadRuleList(*rules, rules); });
 }
 
 void askTest(Conversation& talk) {
