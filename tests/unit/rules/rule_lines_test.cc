@@ -55,6 +55,7 @@ const Row kRows[] = {
     {"EscapedHashStartsAComment", "a\\#b\n", {"a\\"}},
     // continuations
     {"BackslashLineFeedJoins", "a\\\nb\n", {"ab"}},
+    {"EachLineIsJoinedAlone", "a\\\nb\nc\\\nd\ne\nf\\\n#\ng", {"ab", "cd", "e", "f", "g"}},
     {"SpaceAfterAContinuationStays", "a\\\n  b\n", {"a  b"}},
     {"SpaceAfterAContinuationOfNothingGoes", "\\\n  b\n", {"b"}},
     {"SeveralContinuations", "a\\\n\\\n\\\nb\n", {"ab"}},
