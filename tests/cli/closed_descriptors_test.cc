@@ -2,6 +2,8 @@
 // opens.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "cli/cli_support.h"
 
 namespace cli {
@@ -48,6 +50,23 @@ TEST_P(ClosedDescriptors, ReportDoesNotGoToTheDaemon) {
     const Exchange exchange = converse(without({"dev"}), Script().reply(kDevices, kDeviceReply));
     expectResult(exchange.tool, kOk, ifOut(kTable), "");
     expectRequests(exchange, {{kDevices, ""}});
+}
+
+// Whatever the engine opens, its sockets and queues are no place for a message or a report.
+TEST_P(ClosedDescriptors, NumbersAreTakenByWhatRefusesBoth) {
+    FakeDaemon daemon(Script().receive().hold().close());
+    Process process(without({"dev"}));
+    ASSERT_TRUE(daemon.waitForHold(1));
+    const std::string redirections = GetParam().redirections;
+    const auto opened = [&process](int fd) {
+        const std::string link = "/proc/" + std::to_string(process.pid()) + "/fd/" + std::to_string(fd);
+        return std::filesystem::read_symlink(link).string();
+    };
+    EXPECT_EQ(redirections.find("<&-") != std::string::npos, opened(0) == "/");
+    EXPECT_EQ(!GetParam().outOpen, opened(1) == "/");
+    EXPECT_EQ(!GetParam().errOpen, opened(2) == "/");
+    daemon.release();
+    expectResult(process.wait(), kIo, "", ifErr(kTerminated));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sets, ClosedDescriptors,
