@@ -145,3 +145,9 @@ bool RuleLines::next(std::string_view& line) {
     }
     return false;
 }
+
+bool RuleLines::nextPlain(PlainLine& line) noexcept {
+    const std::size_t taken = quoted_ ? 0 : line.cut(text_.substr(at_));
+    at_ += taken;
+    return taken != 0;
+}

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "rules/plain_line.h"
+
 /// Walks over a text once. A line that stands in the text without gaps is handed out as a view of the text;
 /// only the others are put together in a buffer. Used by one thread.
 class RuleLines {
@@ -18,6 +20,10 @@ class RuleLines {
     /// line  out: never empty; valid until the next call
     /// Throws std::bad_alloc.
     bool next(std::string_view& line);
+
+    /// Takes the next line when it is a plain one; false, and nothing has happened, when it is not, or when
+    /// the flag of the quotes is set.
+    bool nextPlain(PlainLine& line) noexcept;
 
   private:
     bool endsLine(std::size_t at) const noexcept;

@@ -11,6 +11,7 @@
 #include "ipc/json_text.h"
 #include "rules/rule_builder.h"
 #include "rules/rule_lines.h"
+#include "rules/rule_reader.h"
 #include "rules/rule_tokens.h"
 
 namespace {
@@ -22,63 +23,15 @@ std::shared_ptr<std::string> createRules(std::string_view text) noexcept {
     try {
         auto rules = std::make_shared<std::string>();
         rules->reserve(text.size() * kJsonBytesPerTextByte);
-        rules->push_back('[');
         return rules;
     } catch (...) {
         return {};
     }
 }
 
-enum class NextLine { kFound, kNone, kFailed };
-
-NextLine nextLine(RuleLines& lines, std::string_view& line) noexcept {
-    try {
-        return lines.next(line) ? NextLine::kFound : NextLine::kNone;
-    } catch (...) {
-        return NextLine::kFailed;
-    }
-}
-
-/// The rule of one line is added to `rules`; false when the line is refused. The line is read once: each
-/// token goes to the builder as soon as it is known.
-bool addRule(std::string_view line, bool isFirst, std::string& arena, JsonText& rules) noexcept {
-    try {
-        RuleTokens tokens(line, arena);
-        RuleBuilder builder;
-        std::string_view token;
-        RuleTokens::Step step;
-        while ((step = tokens.next(token)) == RuleTokens::Step::kToken) {
-            if (!builder.take(token)) {
-                return false;
-            }
-        }
-        if (step == RuleTokens::Step::kBad || !builder.complete()) {
-            return false;
-        }
-        if (!isFirst) {
-            rules.add(",");
-        }
-        builder.addRecord(rules);
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
 RuleSet refuse(const char* message) noexcept {
     (void)std::fputs(message, stderr);  // there is nowhere left to complain
     return {};
-}
-
-/// Closes the array.
-RuleSet finish(std::shared_ptr<std::string> rules, JsonText& json) noexcept {
-    try {
-        json.add("]");
-        json.flush();
-        return rules;
-    } catch (...) {
-        return refuse("Memory allocation error.\n");
-    }
 }
 
 // Deliberate: everything that strtoul(3) takes is taken: no digits at all in an empty part (0), a sign, a
@@ -201,22 +154,18 @@ RuleSet rule_parser_run(std::string_view text) noexcept {
     if (!rules) {
         return refuse("Memory allocation error.\n");
     }
-    JsonText json(*rules);
-    RuleLines lines(text);
-    std::string arena;
-    std::string_view line;
+    RuleReader reader(text, *rules);
     for (unsigned long number = 1;; ++number) {
-        switch (nextLine(lines, line)) {
-            case NextLine::kFound:
+        switch (reader.next()) {
+            case RuleReader::Step::kRule:
                 break;
-            case NextLine::kNone:
-                return finish(std::move(rules), json);
-            case NextLine::kFailed:
+            case RuleReader::Step::kEnd:
+                return reader.finish() ? rules : refuse("Memory allocation error.\n");
+            case RuleReader::Step::kBadLines:
                 return refuse("Error parsing rule data.\n");
-        }
-        if (!addRule(line, number == 1, arena, json)) {
-            (void)std::fprintf(stderr, "Parsing error at rule #%lu\n", number);
-            return {};
+            case RuleReader::Step::kBadRule:
+                (void)std::fprintf(stderr, "Parsing error at rule #%lu\n", number);
+                return {};
         }
     }
 }
