@@ -109,6 +109,42 @@ TEST(RuleTokens, QuotedMarkIsSplitOff) {
     EXPECT_EQ(rule_parser_line("\"!\""), tokens({"!"}));
 }
 
+// Bytes are looked at in groups: each place in them counts, whether plain, quoted or escaped.
+TEST(RuleTokens, Utf8IsCheckedAtEveryPlace) {
+    for (std::size_t size = 1; size <= 20; ++size) {
+        for (std::size_t place = 0; place < size; ++place) {
+            std::string token(size, 'a');
+            token[place] = '\xff';
+            const std::string escaped = token.substr(0, place) + "\\" + token.substr(place);
+            for (const std::string& line : {token, "\"" + token + "\"", "\" " + token + "\"", escaped}) {
+                EXPECT_EQ(rule_parser_line(line), std::nullopt) << line;
+                EXPECT_EQ(rule_parser_line("b " + line), std::nullopt) << line;
+                EXPECT_EQ(rule_parser_line(line + " b"), std::nullopt) << line;
+            }
+        }
+    }
+}
+
+TEST(RuleTokens, OneArenaServesLineAfterLine) {
+    std::string arena;
+    for (int lines = 1; lines <= 50; ++lines) {
+        std::string line;
+        for (int word = 0; word < lines; ++word) {
+            line.append("\\w\"").append(std::to_string(word)).append("\"\\x ");
+        }
+        RuleTokens walk(line, arena);
+        std::vector<std::string_view> found;
+        for (std::string_view token; walk.next(token) == RuleTokens::Step::kToken;) {
+            found.push_back(token);
+        }
+        ASSERT_EQ(found.size(), static_cast<std::size_t>(lines));
+        for (int word = 0; word < lines; ++word) {
+            EXPECT_EQ(found[static_cast<std::size_t>(word)], "w" + std::to_string(word) + "x");
+        }
+        EXPECT_LE(arena.size(), line.size()) << "what earlier lines had in it is gone";
+    }
+}
+
 TEST(RuleTokens, PlainTokenIsAViewOfTheLine) {
     const std::string line = "name \"a b\" c\\d";
     std::string arena;
