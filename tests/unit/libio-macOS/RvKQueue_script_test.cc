@@ -6,6 +6,7 @@
 #include <functional>
 #include <thread>
 
+#include "libio-macOS/RvKQueueBipipeClient.h"
 #include "libio-macOS/RvKQueueStreamSocket.h"
 #include "libio-macOS/RvKQueueTimer.h"
 #include "unit/libio-macOS/support/engine_fixture.h"
@@ -355,6 +356,29 @@ TEST_F(RvKQueueScript, AWriteOfNoBytesArmsNothing) {
         scripted_kernel::waitForChange([&](const auto& change) { return change.udata == endpoint.get(); }));
     waitForTurn();
     EXPECT_EQ(1, countChanges(endpoint.get(), EVFILT_WRITE, EV_ADD | EV_ENABLE));
+}
+
+TEST_F(RvKQueueScript, TheWriteFilterIsDisarmedOnceAllHasLeft) {
+    DescriptorPair forSocket = DescriptorPair::socketPair();
+    DescriptorPair forPair = DescriptorPair::socketPair();
+    const int both[] = {forPair[0], forPair[0]};
+    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {loop->createStreamSocket(forSocket[0], false),
+                                                                loop->createBipipeClient(both, false)};
+    for (const auto& endpoint : endpoints) {
+        Recorder recorder;
+        loop->startObject(endpoint, recorder.block());
+        EXPECT_TRUE(loop->write(endpoint, "12345", 5));
+        waitForTurn();
+        deliverAndWait({record(0, EVFILT_WRITE, EV_ADD | EV_ENABLE, endpoint.get(), 3)});
+        waitForTurn();
+        EXPECT_EQ(0, countChanges(endpoint.get(), EVFILT_WRITE, EV_DELETE));
+        deliverAndWait({record(0, EVFILT_WRITE, EV_ADD | EV_ENABLE, endpoint.get(), 1000)});
+        waitForTurn();
+        EXPECT_EQ(1, countChanges(endpoint.get(), EVFILT_WRITE, EV_DELETE));
+        EXPECT_EQ(0, recorder.count(kEventClosed));
+        loop->stopObject(endpoint);
+        waitForTurn();
+    }
 }
 
 TEST_F(RvKQueueScript, TimerRecordsCarryPeriodAndFlags) {
