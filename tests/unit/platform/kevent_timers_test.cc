@@ -7,6 +7,8 @@
 #include <climits>
 #include <ostream>
 #include <set>
+#include <utility>
+#include <vector>
 #include <thread>
 
 #include "kevent_support.h"
@@ -239,6 +241,24 @@ TEST(KeventTimers, EarlierDeadlineComesFirst) {
     EXPECT_EQ(events[0].ident, 2U);
     EXPECT_EQ(events[1].ident, 3U);
     EXPECT_EQ(events[2].ident, 1U);
+}
+
+TEST(KeventTimers, ManyDeadlinesComeInTheirOrder) {
+    for (const uint64_t count : {5U, 7U, 11U, 13U}) {
+        for (uint64_t stride = 1; stride < count; ++stride) {  // count is prime: each gives another order
+            const Queue queue;
+            std::vector<struct kevent> changes;  // of one list: they start at one time
+            for (uint64_t i = 0; i < count; ++i) {
+                const uint64_t ident = i * stride % count;
+                changes.push_back(timer(ident, kArm | EV_ONESHOT, 1 + static_cast<int64_t>(ident)));
+            }
+            for (uint64_t ident = 0; ident < count; ++ident) {
+                const auto events = queue.collect(kLimitMs, 1, std::exchange(changes, {}));
+                ASSERT_EQ(events.size(), 1U);
+                EXPECT_EQ(events[0].ident, ident) << count << " by " << stride;
+            }
+        }
+    }
 }
 
 TEST(KeventTimers, ShortListRotatesThroughAllThatAreDue) {
