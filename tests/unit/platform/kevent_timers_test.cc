@@ -7,9 +7,9 @@
 #include <climits>
 #include <ostream>
 #include <set>
+#include <thread>
 #include <utility>
 #include <vector>
-#include <thread>
 
 #include "kevent_support.h"
 
