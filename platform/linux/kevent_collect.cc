@@ -293,9 +293,11 @@ bool takeHeld(Collector& c) {
     HeldReports& held = c.queue.held;
     if (held.first == held.end) return false;
     c.queue.kernelSeen = true;  // when it gave these
+    const bool stale = c.stale;
     for (int inputs = 0; inputs < kInputsAtOnce && held.first < held.end && !c.full(); ++inputs) {
         takeReport(c, held.reports[held.first++]);
     }
+    c.stale = stale;  // what is gone by now may have been there when epoll reported it
     if (held.first == held.end) held.first = held.end = 0;
     return true;
 }
