@@ -94,6 +94,20 @@ TEST(RuleFaults, ParserReportsEveryLackOfMemory) {
     EXPECT_EQ(whole + lines + rules, static_cast<std::size_t>(needed));
 }
 
+// Records that take more room than the parser has set aside for them: it is asked for at the very end.
+TEST(RuleFaults, ParserReportsALackOfMemoryAtTheEnd) {
+    const std::string text = "share !hwid :: !class ::\n";
+    CapturedStderr messages;
+    const long needed = failAllocations([&](long successes) {
+        allocationsLeft = successes;
+        const RuleSet found = rule_parser_run(text);
+        allocationsLeft = -1;
+        EXPECT_EQ(messages.take(), found ? "" : "Memory allocation error.\n") << successes;
+        return found != nullptr;
+    });
+    EXPECT_GE(needed, 3);  // the set, its room, more room
+}
+
 TEST(RuleFaults, PassesGiveNothing) {
     const std::string text = sampleText();
     const RuleStrings lines = rule_parser_firstpass(text).value();
