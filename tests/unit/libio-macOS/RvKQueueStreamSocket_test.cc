@@ -318,6 +318,14 @@ TEST_F(RvKQueueStreamSocketOutput, AWriteErrorIsEventTwoAndIsTriedAgain) {
     EXPECT_EQ("kept", closed[0].bytes);
 }
 
+TEST_F(RvKQueueStreamSocketOutput, AWriteErrorOfASingleByteIsEventTwo) {
+    start();
+    loop->write(endpoint, "a", 1);
+    pair.close(1);
+    reportWrite(100, EV_EOF);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+}
+
 TEST_F(RvKQueueStreamSocketOutput, BytesAreCopiedBeforeReturn) {
     start();
     std::string bytes = "abc";

@@ -330,21 +330,29 @@ TEST_F(RvKQueueScript, ADescriptorHandedToANewEndpointKeepsItsFilters) {
     EXPECT_LT(lastDeletion, addition);
 }
 
-TEST_F(RvKQueueScript, AStoppedSocketThatIsNotOwnedLosesItsReadFilterAndThenItsWriteFilter) {
-    DescriptorPair pair = DescriptorPair::socketPair();
-    const auto endpoint = loop->createStreamSocket(pair[0], false);
-    Recorder recorder;
-    loop->startObject(endpoint, recorder.block());
-    loop->stopObject(endpoint);
-    ASSERT_TRUE(scripted_kernel::waitForChange([&](const auto& change) {
-        return change.udata == endpoint.get() && change.filter == EVFILT_WRITE && change.flags == EV_DELETE;
-    }));
-    std::vector<int> filters;
-    for (const struct kevent& change : scripted_kernel::changes()) {
-        if (change.udata == endpoint.get() && change.flags == EV_DELETE) filters.push_back(change.filter);
+TEST_F(RvKQueueScript, WhatIsStoppedAndNotOwnedLosesItsReadFilterAndThenItsWriteFilter) {
+    DescriptorPair forSocket = DescriptorPair::socketPair();
+    DescriptorPair forPair = DescriptorPair::socketPair();
+    const int both[] = {forPair[0], forPair[1]};
+    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {loop->createStreamSocket(forSocket[0], false),
+                                                                loop->createBipipeClient(both, false)};
+    for (const auto& endpoint : endpoints) {
+        Recorder recorder;
+        loop->startObject(endpoint, recorder.block());
+        loop->stopObject(endpoint);
+        ASSERT_TRUE(scripted_kernel::waitForChange([&](const auto& change) {
+            return change.udata == endpoint.get() && change.filter == EVFILT_WRITE &&
+                   change.flags == EV_DELETE;
+        }));
+        std::vector<int> filters;
+        for (const struct kevent& change : scripted_kernel::changes()) {
+            if (change.udata == endpoint.get() && change.flags == EV_DELETE) filters.push_back(change.filter);
+        }
+        EXPECT_EQ((std::vector<int>{EVFILT_READ, EVFILT_WRITE}), filters);
     }
-    EXPECT_EQ((std::vector<int>{EVFILT_READ, EVFILT_WRITE}), filters);
-    EXPECT_TRUE(isOpen(pair[0]));
+    EXPECT_TRUE(isOpen(forSocket[0]));
+    EXPECT_TRUE(isOpen(forPair[0]));
+    EXPECT_TRUE(isOpen(forPair[1]));
 }
 
 TEST_F(RvKQueueScript, AWriteOfNoBytesArmsNothing) {
