@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <boost/json.hpp>
 #include <string>
 
@@ -61,7 +62,8 @@ TEST(JsonText, KeepsTheOrderWhateverTheLengths) {
         json.addString(value + '\n');
         json.add(",");
         json.addNumber(size);
-        expected += '"' + value + "\"\"" + value + "\\n\"," + std::to_string(size);
+        expected.append("\"").append(value).append("\"\"").append(value).append("\\n\",");
+        expected += std::to_string(size);
     }
     json.flush();
     EXPECT_EQ(expected, text);

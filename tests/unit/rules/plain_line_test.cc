@@ -47,9 +47,15 @@ TEST(PlainLine, CutsLinesAcrossBlocks) {
     for (std::size_t width = 0; width < 140; ++width) {
         const std::string space(width, ' ');
         const std::string word(width + 1, 'w');
-        EXPECT_EQ(cutFar(space + "\"a b\" " + word + " \"" + word + " c\"" + space + "\n"),
-                  (RuleStrings{"a b", word, word + " c"}))
-            << width;
+        std::string line = space;
+        line.append("\"a b\" ")
+            .append(word)
+            .append(" \"")
+            .append(word)
+            .append(" c\"")
+            .append(space)
+            .append("\n");
+        EXPECT_EQ(cutFar(line), (RuleStrings{"a b", word, word + " c"})) << width;
     }
 }
 
