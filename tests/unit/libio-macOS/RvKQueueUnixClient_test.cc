@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <thread>
 
 #include "libio-macOS/RvKQueueStreamSocket.h"
 #include "libio-macOS/RvKQueueUnixServer.h"
@@ -47,7 +48,8 @@ TEST_F(RvKQueueUnixClientConnect, AStandingConnectionIsEventZero) {
     EXPECT_TRUE(
         isLogged(LogLevel::kDebug, "<" + pointerText(client.get()) + ">: unix(" + path + ") created"));
     loop->startObject(client, recorder.block());
-    ASSERT_TRUE(recorder.waitFor(kEventConnected));
+    ASSERT_EQ(1, recorder.count(kEventConnected)) << "the connection stands at once";
+    EXPECT_EQ(std::this_thread::get_id(), recorder.events()[0].thread);
     const int peer = accept(listener, nullptr, nullptr);
     loop->write(client, "question", 8);
     EXPECT_EQ("question", readExactly(peer, 8));
