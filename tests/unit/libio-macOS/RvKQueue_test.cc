@@ -317,6 +317,17 @@ TEST_F(RvKQueueStop, StopsEachLiveEndpointOnceAndGivesDescriptorsBack) {
     EXPECT_EQ(before, openDescriptorCount());
 }
 
+TEST_F(RvKQueueStop, ItsNumberBelongsToOthersAfterwards) {
+    loop->stop();
+    std::vector<DescriptorPair> others;
+    for (int i = 0; i < 8; ++i) others.push_back(DescriptorPair::pipe());
+    loop.reset();
+    for (const DescriptorPair& other : others) {
+        EXPECT_TRUE(isOpen(other[0]));
+        EXPECT_TRUE(isOpen(other[1]));
+    }
+}
+
 TEST_F(RvKQueueStop, NoBlockIsCalledAfterwards) {
     DescriptorPair pair = DescriptorPair::socketPair();
     const auto endpoint = loop->createStreamSocket(pair[0], false);
