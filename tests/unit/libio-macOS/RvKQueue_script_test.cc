@@ -1,5 +1,8 @@
 /// The loop against a kernel queue that the case plays: what it hands over, and what it does with each
 /// record.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -8,7 +11,9 @@
 
 #include "libio-macOS/RvKQueueBipipeClient.h"
 #include "libio-macOS/RvKQueueStreamSocket.h"
+#include "libio-macOS/RvKQueueTCPServer.h"
 #include "libio-macOS/RvKQueueTimer.h"
+#include "libio-macOS/RvKQueueUnixServer.h"
 #include "unit/libio-macOS/support/engine_fixture.h"
 #include "unit/libio-macOS/support/scripted_kernel.h"
 
@@ -353,6 +358,37 @@ TEST_F(RvKQueueScript, WhatIsStoppedAndNotOwnedLosesItsReadFilterAndThenItsWrite
     EXPECT_TRUE(isOpen(forSocket[0]));
     EXPECT_TRUE(isOpen(forPair[0]));
     EXPECT_TRUE(isOpen(forPair[1]));
+}
+
+TEST_F(RvKQueueScript, WhatIsStoppedLetsGoOfItsFilterAndItsBlock) {
+    const TemporaryDirectory directory;
+    struct sockaddr_in anyPort = {};
+    anyPort.sin_family = AF_INET;
+    anyPort.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    DescriptorPair forSocket = DescriptorPair::socketPair();
+    DescriptorPair forPair = DescriptorPair::socketPair();
+    const int both[] = {forPair[0], forPair[1]};
+    const struct {
+        std::shared_ptr<RvKQueueEventProtocol> endpoint;
+        int filter;
+    } rows[] = {
+        {loop->createStreamSocket(forSocket[0], false), EVFILT_READ},
+        {loop->createBipipeClient(both, false), EVFILT_READ},
+        {loop->createTCPServer(reinterpret_cast<const struct sockaddr*>(&anyPort)), EVFILT_READ},
+        {loop->createUnixServer(directory.path("s").c_str(), 0600), EVFILT_READ},
+        {loop->createTimer(10'000, false), EVFILT_TIMER},
+    };
+    for (const auto& row : rows) {
+        ASSERT_TRUE(row.endpoint);
+        const auto held = std::make_shared<int>(0);
+        loop->startObject(row.endpoint, [held](auto...) { return true; });
+        loop->stopObject(row.endpoint);
+        EXPECT_TRUE(waitUntil([&] { return held.use_count() == 1; })) << row.filter;
+        EXPECT_TRUE(scripted_kernel::waitForChange([&](const auto& change) {
+            return change.udata == row.endpoint.get() && change.filter == row.filter &&
+                   change.flags == EV_DELETE;
+        })) << row.filter;
+    }
 }
 
 TEST_F(RvKQueueScript, AWriteOfNoBytesArmsNothing) {
