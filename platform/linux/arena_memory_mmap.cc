@@ -9,6 +9,10 @@ namespace {
 
 constexpr std::size_t kHugePageBytes = std::size_t{2} << 20;  // x86-64; harmless elsewhere
 
+// A larger block gets small pages. A virtual machine has soon used up the huge pages that its host backs, and
+// each of the others takes several times as long to clear: a reply of 100 MiB took twice the time with them.
+constexpr std::size_t kMostHugeBytes = std::size_t{512} << 20;
+
 unsigned char* alignUp(void* address, std::size_t alignment) noexcept {
     const auto number = reinterpret_cast<std::uintptr_t>(address);
     return static_cast<unsigned char*>(address) + ((alignment - number % alignment) % alignment);
@@ -31,7 +35,9 @@ bool ArenaMemory::reserve(std::size_t bytes) noexcept {
     mappedBytes_ = wanted;
     data_ = alignUp(mapping, kHugePageBytes);
     size_ = bytes;
-    (void)madvise(data_, size_, MADV_HUGEPAGE);  // refused: small pages do as well, only slower
+    if (size_ <= kMostHugeBytes) {
+        (void)madvise(data_, size_, MADV_HUGEPAGE);  // refused: small pages do as well, only slower
+    }
     return true;
 }
 
