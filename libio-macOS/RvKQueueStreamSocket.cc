@@ -67,7 +67,7 @@ void RvKQueueStreamSocket::enableOnData(EventBlock block) noexcept {
 }
 
 void RvKQueueStreamSocket::kevent(const struct kevent* record) noexcept {
-    if ((record->flags & EV_ERROR) != 0) {
+    if (isRefusedFilter(*record)) {
         failToArm();
     } else if (record->filter == EVFILT_READ && isConnected) {
         receive(record->data);
