@@ -9,6 +9,9 @@
 
 namespace {
 
+constexpr unsigned char kLimits[] = {1, 0x0b, 0x20, 0x21, 0x80};
+constexpr unsigned char kValues[] = {0, '"', '#', '\\', 0x7f, 0xff};
+
 /// Words with many bytes at the borders of what the functions tell apart.
 ByteWord anyWord(std::mt19937_64& random) {
     constexpr unsigned char kBytes[] = {0,   1,   '\t', '\n', 0x1f, ' ',  '!',
@@ -60,12 +63,12 @@ TEST(ByteWords, TheFirstMarkIsExact) {
     std::mt19937_64 random(1);
     for (int round = 0; round < 200'000; ++round) {
         const ByteWord word = anyWord(random);
-        for (const unsigned char limit : {'\x01', '\x0b', '\x20', '\x21', '\x80'}) {
+        for (const unsigned char limit : kLimits) {
             ASSERT_EQ(firstByte(word, [limit](unsigned char byte) { return byte < limit; }),
                       firstMark(bytesBelow(word, limit)))
                 << std::hex << word;
         }
-        for (const unsigned char value : {'\0', '"', '\\', '\x7f', '\xff'}) {
+        for (const unsigned char value : kValues) {
             ASSERT_EQ(firstByte(word, [value](unsigned char byte) { return byte == value; }),
                       firstMark(bytesEqual(word, value)))
                 << std::hex << word;
@@ -77,7 +80,7 @@ TEST(ByteWords, CountsEqualBytes) {
     std::mt19937_64 random(2);
     for (int round = 0; round < 200'000; ++round) {
         const ByteWord word = anyWord(random);
-        for (const unsigned char value : {'\0', '"', '#', '\xff'}) {
+        for (const unsigned char value : kValues) {
             unsigned count = 0;
             for (std::size_t at = 0; at < kByteWordSize; ++at) {
                 count += byteOf(word, at) == value ? 1 : 0;
