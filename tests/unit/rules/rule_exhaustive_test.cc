@@ -12,6 +12,8 @@ namespace {
 
 const std::string kBytes = bytes(" \"\\#!\n\0ab\xff");
 
+const std::string kFarFromTheEnd = "\n" + std::string(64, ' ');
+
 struct Beginning {
     const char* name;
     const char* text;
@@ -25,15 +27,21 @@ struct Counts {
     std::size_t reread = 0;
 };
 
-/// Checks every text that is `prefix` and up to `more` bytes.
-void checkAll(std::string& prefix, std::size_t more, CapturedStderr& messages, Counts& counts) {
-    const RuleTextCheck check = checkRuleText(prefix, messages);
+void check(const std::string& text, CapturedStderr& messages, Counts& counts) {
+    const RuleTextCheck check = checkRuleText(text, messages);
     ++counts.texts;
     counts.accepted += check.accepted ? 1 : 0;
     counts.reread += check.printedAndReread ? 1 : 0;
     if (!check.failure.empty()) {
-        ADD_FAILURE() << testing::PrintToString(prefix) << ": " << check.failure;
+        ADD_FAILURE() << testing::PrintToString(text) << ": " << check.failure;
     }
+}
+
+/// Checks every text that is `prefix` and up to `more` bytes, at the end of the text and far from it: plain
+/// lines are cut at once when there is a block of bytes to look at.
+void checkAll(std::string& prefix, std::size_t more, CapturedStderr& messages, Counts& counts) {
+    check(prefix, messages, counts);
+    check(prefix + kFarFromTheEnd, messages, counts);
     if (more == 0 || testing::Test::HasFailure()) {
         return;
     }
@@ -51,7 +59,7 @@ TEST_P(RuleExhaustive, EveryEndingOfUpToFiveBytes) {
         CapturedStderr messages;
         checkAll(text, 5, messages, counts);
     }
-    EXPECT_EQ(counts.texts, 111111U);
+    EXPECT_EQ(counts.texts, 2 * 111111U);
     EXPECT_GT(counts.accepted, 0U);
     EXPECT_GT(counts.reread, 0U);
     EXPECT_LT(counts.accepted, counts.texts);
