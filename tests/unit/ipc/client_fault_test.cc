@@ -117,9 +117,10 @@ TEST(ClientFaultTexts, TextThatIsNotUtf8HasTheSameMessages) {
 }
 
 TEST(ClientFaultRules, RulesThatFindNoMemoryAreNotSent) {
+    const auto client = offlineClient();
     CapturedStderr said;
     allocationsLeft = 0;
-    const bool sent = offlineClient()->loadRuleList(kRules);
+    const bool sent = client->loadRuleList(kRules);
     allocationsLeft = -1;
     EXPECT_FALSE(sent);
     EXPECT_EQ(kNoDictionary, said.take());
