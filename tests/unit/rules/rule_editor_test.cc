@@ -303,8 +303,8 @@ TEST_F(RunEditor, EditorInheritsNothingFromTheTool) {
 TEST_F(RunEditor, ParentThatIgnoresItsChildrenMakesNoDifference) {
     addEditor("fail", "exit 3");
     cli::Command command = sessionWith("run", "fail");
-    command.path = "/bin/sh";
-    command.words = {"-c", "trap '' CHLD; exec \"$0\" run \"$1\"", RV_SESSION_PATH, kRulesPath};
+    command.path = "/usr/bin/env";
+    command.words = {"--ignore-signal=CHLD", RV_SESSION_PATH, "run", kRulesPath};
     command.input = cli::Input::kText;
     command.outputToTerminal = false;
     command.text = "n";
