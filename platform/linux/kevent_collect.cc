@@ -20,9 +20,11 @@ namespace rvkevent {
 
 namespace {
 
-/// How many inputs a caller that counts by taking is told of at once. What it does about each of them is
+/// Reports taken from epoll at once; more come with further calls.
+constexpr int kReports = 512;
+/// The same for a caller that counts by taking, and no more in that call. What it does about each input is
 /// still in the processor's caches when it is told of the room for the answers, and the answers leave early.
-constexpr int kInputsAtOnce = 8;
+constexpr int kUncountedReports = 8;
 /// How long a thread sleeps at most while there are entries that nothing but a look can show to be ready.
 constexpr int64_t kPollIntervalNs = 10'000'000;
 /// A number that was checked before a wait of this length or more is checked again after it: another thread
@@ -233,7 +235,8 @@ int reportsThatFit(const Collector& c) {
     const int room = c.room - c.count;
     const size_t both = c.queue.knotes.bothCount;
     const int spare = both < static_cast<size_t>(room / 2) ? static_cast<int>(both) : room / 2;
-    return room - spare < kReports ? room - spare : kReports;
+    const int most = c.queue.uncounted ? kUncountedReports : kReports;
+    return room - spare < most ? room - spare : most;
 }
 
 /// The older call is a little cheaper, and as exact if the time is given in whole milliseconds.
@@ -274,37 +277,8 @@ int waitUnlocked(Collector& c, epoll_event* reports, int limit, int64_t ns) {
     return -1;
 }
 
-bool isUncountedInput(const Kqueue& queue, const epoll_event& report) {
-    const Entry* entry = findEntry(queue.knotes, static_cast<int>(static_cast<uint32_t>(report.data.u64)));
-    return report.events == EPOLLIN && entry != nullptr && needsNoCount(*entry, report.events);
-}
-
-/// Holds a report back for one of the next calls if there were enough of its kind in this one. It is looked
-/// at as if it were new when it is taken; that somebody may have read the bytes meanwhile is nothing to a
-/// caller that counts by taking.
-bool holdBack(Collector& c, const epoll_event& report) {
-    if (!c.queue.uncounted || c.count < kInputsAtOnce || !isUncountedInput(c.queue, report)) return false;
-    c.queue.held.reports[c.queue.held.end++] = report;
-    return true;
-}
-
-/// Takes reports that were held back. Returns false if there were none.
-bool takeHeld(Collector& c) {
-    HeldReports& held = c.queue.held;
-    if (held.first == held.end) return false;
-    c.queue.kernelSeen = true;  // when it gave these
-    const bool stale = c.stale;
-    for (int inputs = 0; inputs < kInputsAtOnce && held.first < held.end && !c.full(); ++inputs) {
-        takeReport(c, held.reports[held.first++]);
-    }
-    c.stale = stale;  // what is gone by now may have been there when epoll reported it
-    if (held.first == held.end) held.first = held.end = 0;
-    return true;
-}
-
 /// Takes epoll's reports, after waiting for at most `ns`. Returns false with errno.
 bool takeEpoll(Collector& c, int64_t ns) {
-    if (takeHeld(c)) return true;
     epoll_event reports[kReports];
     c.repeated = false;
     c.queue.epollSkipped = false;
@@ -317,11 +291,9 @@ bool takeEpoll(Collector& c, int64_t ns) {
             return false;
         }
         c.queue.kernelSeen = true;
-        for (int i = 0; i < n; ++i) {
-            if (!holdBack(c, reports[i])) takeReport(c, reports[i]);
-        }
+        for (int i = 0; i < n; ++i) takeReport(c, reports[i]);
         c.unread = n == limit;
-        if (!c.unread || c.repeated || c.stale || c.queue.held.end > 0) break;
+        if (!c.unread || c.repeated || c.stale || c.queue.uncounted) break;
         ns = 0;
     }
     return true;

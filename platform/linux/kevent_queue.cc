@@ -57,7 +57,6 @@ void resetQueue(Kqueue& queue, int fd) {
     queue.ticking = false;
     queue.uncounted = false;
     queue.epollSkipped = false;
-    queue.held.first = queue.held.end = 0;
 }
 
 bool makeQueueLocked(int fd) {

@@ -8,22 +8,11 @@
 
 #include <pthread.h>
 #include <stdint.h>
-#include <sys/epoll.h>
 
 #include "platform/linux/kevent_knotes.h"
 #include "platform/linux/kevent_timers.h"
 
 namespace rvkevent {
-
-/// Reports taken from epoll at once; more come with further calls.
-inline constexpr int kReports = 512;
-
-/// Reports of input that wait for their turn, in the order epoll gave them.
-struct HeldReports {
-    int first;  // the next one
-    int end;    // no more are held when `first` has come here
-    epoll_event reports[kReports];
-};
 
 /// Everything but `process` and `older` is guarded by `lock`, which is never held during a wait.
 struct Kqueue {
@@ -47,7 +36,6 @@ struct Kqueue {
     bool epollSkipped;  // the call before did not ask epoll
     KnoteTable knotes;
     TimerSet timers;
-    HeldReports held;
 };
 
 /// The queue under a descriptor number, or null with errno EBADF if kqueue() never returned this number in

@@ -160,11 +160,11 @@ TEST_P(KeventUncounted, ANewFileUnderTheNumberStartsWithoutKnotes) {
 }
 
 /// Connections on which more comes at once than one call tells of.
-class KeventHeldInput : public testing::Test {
+class KeventManyInputs : public testing::Test {
   protected:
     static constexpr int kConnections = 50;
 
-    KeventHeldInput() {
+    KeventManyInputs() {
         keventLeaveUncounted(queue.fd());
         for (int i = 0; i < kConnections; ++i) {
             pairs.push_back(unixPair());
@@ -206,7 +206,7 @@ class KeventHeldInput : public testing::Test {
     std::vector<Pair> pairs;
 };
 
-TEST_F(KeventHeldInput, ComesInPartsAndOnce) {
+TEST_F(KeventManyInputs, ComeInPartsAndOnce) {
     const auto first = queue.collect();
     EXPECT_LT(first.size(), pairs.size());
     std::set<uint64_t> told;
@@ -220,7 +220,7 @@ TEST_F(KeventHeldInput, ComesInPartsAndOnce) {
     EXPECT_EQ(told.size(), pairs.size());
 }
 
-TEST_F(KeventHeldInput, IsNotToldOnceItsFilterIsDeleted) {
+TEST_F(KeventManyInputs, AreNotToldOnceTheFilterIsDeleted) {
     std::set<uint64_t> told;
     for (const auto& event : queue.collect()) told.insert(event.ident);
     for (int i = 0; i < kConnections; ++i) {
@@ -230,7 +230,16 @@ TEST_F(KeventHeldInput, IsNotToldOnceItsFilterIsDeleted) {
     for (const uint64_t one : drain()) EXPECT_EQ(told.count(one), 1U);
 }
 
-TEST_F(KeventHeldInput, IsNotToldOfTheNextFileUnderItsNumber) {
+TEST_F(KeventManyInputs, AreNotToldOnceTheNumberIsClosed) {
+    std::set<uint64_t> told;
+    for (const auto& event : queue.collect()) told.insert(event.ident);
+    for (Pair& pair : pairs) {
+        if (told.count(ident(pair.reader)) == 0) pair.reader.reset();
+    }
+    for (const uint64_t one : drain()) EXPECT_EQ(told.count(one), 1U);
+}
+
+TEST_F(KeventManyInputs, AreNotToldOfTheNextFileUnderTheNumber) {
     std::set<uint64_t> told;
     for (const auto& event : queue.collect()) told.insert(event.ident);
     std::vector<Fd> kept;
@@ -245,7 +254,7 @@ TEST_F(KeventHeldInput, IsNotToldOfTheNextFileUnderItsNumber) {
     for (const uint64_t one : drain()) EXPECT_EQ(told.count(one), 1U);
 }
 
-TEST_F(KeventHeldInput, IsForgottenWithItsQueue) {
+TEST_F(KeventManyInputs, AreForgottenWithTheQueue) {
     EXPECT_FALSE(queue.collect().empty());
     const int queueNumber = queue.fd();
     queue.close();
@@ -255,7 +264,7 @@ TEST_F(KeventHeldInput, IsForgottenWithItsQueue) {
     EXPECT_THAT(next.collect(kSilenceMs), testing::IsEmpty());
 }
 
-TEST_F(KeventHeldInput, DoesNotKeepATimerWaiting) {
+TEST_F(KeventManyInputs, DoNotKeepATimerWaiting) {
     ASSERT_EQ(queue.apply(change(7, EVFILT_TIMER, kArm | EV_ONESHOT, 0)), 0);
     bool fired = false;
     for (int calls = 0; !fired && calls < 3; ++calls) {
