@@ -17,14 +17,19 @@ Command limited(const Words& words, int limit) {
     return command;
 }
 
-// With one more each time: the engine comes first, the connection next, and then there is no daemon.
+// With one more each time: the loader of shared libraries comes first if the test itself has inherited some,
+// then the engine, the connection next, and then there is no daemon.
 TEST(StartFailure, WithoutDescriptorsForTheEngineOrTheConnection) {
     const int kNoMemory = 12;
+    const int kNotStarted = 127;
     std::map<std::string, int> refusals;
     int limit = 4;
     for (Result result; result.status != kIo; ++limit) {
         ASSERT_LT(limit, 100);
         result = run(limited({"dev"}, limit));
+        if (result.status == kNotStarted) {
+            continue;
+        }
         EXPECT_EQ(result.out, "");
         if (result.status == kNoMemory) {
             ++refusals[result.err];
