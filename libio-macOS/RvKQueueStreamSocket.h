@@ -54,7 +54,8 @@ class RvKQueueStreamSocket : public RvKQueueEventProtocol {
 
     /// Queues copies of `head` and `tail` and between them the bytes of `body` themselves, which are not
     /// copied: for output so large that a copy costs more than the bookkeeping. The owner is released once
-    /// they are sent, or with the endpoint. Any thread.
+    /// they are sent, or with the endpoint. Without memory for a copy the stream has a hole, which shows as
+    /// event 2. Any thread.
     void writeShared(std::string_view head, SharedBytes body, std::string_view tail) noexcept;
 
     /// Buffered delivery of all received bytes with the given event code. The I/O thread.
