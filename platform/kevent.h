@@ -117,9 +117,9 @@ int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent*
 /// its own: such an event has KEVENT_UNCOUNTED for data. For a caller that tries recv(2) or send(2) with
 /// MSG_DONTWAIT instead, takes what they give for the count and their EAGAIN for an event that was none. It
 /// also vouches for the numbers it has registered: one that it closes has no use for events until it is added
-/// again. Such a queue is told of at most eight descriptors that epoll knows in one call; the others come with
-/// the next calls. Concerns nobody else's queue; a number that is no queue is ignored. Where the system has kqueue
-/// this does nothing. Thread: any, before the first kevent().
+/// again. Such a queue is told of at most eight descriptors that epoll knows in one call; the others come
+/// with the next calls. Concerns nobody else's queue; a number that is no queue is ignored. Where the system
+/// has kqueue this does nothing. Thread: any, before the first kevent().
 void keventLeaveUncounted(int kq);
 
 /// Ends the waits of a queue that are to last `periodNs` by a descriptor that becomes readable once in that
