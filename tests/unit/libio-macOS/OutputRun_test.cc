@@ -103,6 +103,17 @@ TEST_F(SharedOutput, WritesFromTheIoThreadWaitForTheBody) {
     stopLoop();  // the block must not outlive the case
 }
 
+TEST_F(SharedOutput, ABodyMayBeAsShortAsWhatFollows) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair.release(0), true);
+    loop->startObject(endpoint, nullptr);
+    for (const char* const text : {"b", "body"}) {
+        const auto body = std::make_shared<const std::string>(text);
+        endpoint->writeShared("", share(body), *body);
+        EXPECT_EQ(*body + *body, readExactly(pair[1], 2 * body->size()));
+    }
+}
+
 TEST_F(SharedOutput, AnEmptyBodyIsNothing) {
     DescriptorPair pair = DescriptorPair::socketPair();
     const auto endpoint = loop->createStreamSocket(pair.release(0), true);

@@ -1,6 +1,7 @@
 #include "libio-macOS/RvKQueueBipipeClient.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -138,6 +139,29 @@ TEST_F(RvKQueueBipipeClientOutput, OneWriteOfAtMostTheRoomReported) {
     report(EVFILT_WRITE, 4);
     EXPECT_EQ("ef", readExactly(out[0], 2));
     EXPECT_EQ(0, recorder.count(kEventClosed));
+}
+
+TEST_F(RvKQueueBipipeClientOutput, ASingleByteIsNoError) {
+    start();
+    loop->write(endpoint, "a", 1);
+    report(EVFILT_WRITE, 4);
+    EXPECT_EQ("a", readExactly(out[0], 1));
+    EXPECT_EQ(0, recorder.count(kEventClosed));
+}
+
+// As a queue reports it whose descriptors are sockets.
+TEST_F(RvKQueueBipipeClientOutput, AnUncountedEventWithoutRoomIsNone) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    ASSERT_NE(-1, dup2(pair[0], out[1]));
+    start();
+    const std::string block(4096, 'x');
+    while (send(pair[0], block.data(), block.size(), MSG_DONTWAIT) != -1) {
+    }
+    loop->write(endpoint, "a", 1);
+    report(EVFILT_WRITE, KEVENT_UNCOUNTED);
+    loop->write(endpoint, "bc", 2);
+    report(EVFILT_WRITE, KEVENT_UNCOUNTED);
+    EXPECT_EQ(1u, recorder.events().size());
 }
 
 TEST_F(RvKQueueBipipeClientOutput, ReadinessWithNothingQueuedReportsClosed) {

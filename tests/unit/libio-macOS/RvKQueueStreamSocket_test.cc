@@ -256,6 +256,43 @@ TEST_F(RvKQueueStreamSocketInput, AFilterThatCannotBeArmedIsEventTwo) {
     EXPECT_EQ(0, recorder.count(kEventData));
 }
 
+// What is left uncounted is what a read that does not wait finds.
+TEST_F(RvKQueueStreamSocketInput, AnUncountedEventWithoutInputIsNone) {
+    start();
+    reportRead(KEVENT_UNCOUNTED);
+    EXPECT_EQ(1u, recorder.events().size());
+    writeAll(pair[1], "a");
+    reportRead(KEVENT_UNCOUNTED);
+    reportRead(KEVENT_UNCOUNTED);
+    EXPECT_EQ("a", recorder.received());
+    EXPECT_EQ(2u, recorder.events().size());
+    pair.close(1);
+    reportRead(KEVENT_UNCOUNTED);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+}
+
+TEST_F(RvKQueueStreamSocketInput, AnUncountedReadErrorIsEventTwo) {
+    start();
+    const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_NE(-1, dup2(file, sock));  // which is no socket
+    reportRead(KEVENT_UNCOUNTED);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    EXPECT_EQ(0, recorder.count(kEventData));
+    EXPECT_EQ(0, close(file));
+}
+
+TEST_F(RvKQueueStreamSocketInput, UncountedInputOfAnySizeIsWhole) {
+    start();
+    for (const std::size_t size : {1U, 2U, 2047U, 2048U, 2049U, 2050U, 4096U, 5000U, 100'000U}) {
+        const std::string bytes = patternBytes(size, static_cast<unsigned>(size));
+        const std::string before = recorder.received();
+        writeAll(pair[1], bytes);
+        while (recorder.received().size() < before.size() + size) reportRead(KEVENT_UNCOUNTED);
+        EXPECT_TRUE(recorder.received() == before + bytes) << size;
+    }
+    EXPECT_EQ(0, recorder.count(kEventClosed));
+}
+
 TEST_F(RvKQueueStreamSocketInput, OtherFiltersAreIgnored) {
     start();
     const struct kevent record = {0, EVFILT_TIMER, kArmed, 0, 1, endpoint.get()};
@@ -323,6 +360,45 @@ TEST_F(RvKQueueStreamSocketOutput, AWriteErrorOfASingleByteIsEventTwo) {
     loop->write(endpoint, "a", 1);
     pair.close(1);
     reportWrite(100, EV_EOF);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+}
+
+TEST_F(RvKQueueStreamSocketOutput, WhatIsQueuedLaterGoesOutInTheSameWrite) {
+    start();
+    loop->write(endpoint, "abcdef", 6);
+    reportWrite(4);
+    loop->write(endpoint, "gh", 2);
+    reportWrite(100);
+    char bytes[100];
+    EXPECT_EQ(8, recv(pair[1], bytes, sizeof bytes, MSG_DONTWAIT));
+    EXPECT_EQ("abcdefgh", std::string(bytes, 8));
+}
+
+// What is left uncounted is what a write that does not wait gets rid of.
+TEST_F(RvKQueueStreamSocketOutput, AnUncountedEventWithoutRoomIsNone) {
+    start();
+    const std::string block(4096, 'x');
+    while (send(sock, block.data(), block.size(), MSG_DONTWAIT) != -1) {
+    }
+    loop->write(endpoint, "a", 1);
+    reportWrite(KEVENT_UNCOUNTED);
+    loop->write(endpoint, "bc", 2);
+    reportWrite(KEVENT_UNCOUNTED);
+    EXPECT_EQ(1u, recorder.events().size());
+    char bytes[4096];
+    std::size_t last = 0;
+    while (recv(pair[1], bytes, sizeof bytes, MSG_DONTWAIT) > 0) ++last;
+    EXPECT_GT(last, 0u);
+    reportWrite(KEVENT_UNCOUNTED);
+    EXPECT_EQ("abc", readExactly(pair[1], 3));
+    EXPECT_EQ(1u, recorder.events().size());
+}
+
+TEST_F(RvKQueueStreamSocketOutput, AnUncountedWriteErrorIsEventTwo) {
+    start();
+    loop->write(endpoint, "abc", 3);
+    pair.close(1);
+    reportWrite(KEVENT_UNCOUNTED);
     EXPECT_EQ(1, recorder.count(kEventClosed));
 }
 

@@ -69,6 +69,16 @@ TEST_F(RvKQueueTCPServerListen, IsLogged) {
     EXPECT_EQ(FD_CLOEXEC, fcntl(socketOf(*server), F_GETFD));
 }
 
+TEST_F(RvKQueueTCPServerListen, MayReuseItsAddressAndItsPort) {
+    const auto server = makeServer();
+    for (const int option : {SO_REUSEADDR, SO_REUSEPORT}) {
+        int isSet = 0;
+        socklen_t length = sizeof isSet;
+        EXPECT_EQ(0, getsockopt(socketOf(*server), SOL_SOCKET, option, &isSet, &length));
+        EXPECT_NE(0, isSet) << option;
+    }
+}
+
 TEST_F(RvKQueueTCPServerListen, SharesItsPortWithOthersThatShareIt) {
     const auto server = makeServer();
     EXPECT_TRUE(loop->createTCPServer(asSockaddr(address)));

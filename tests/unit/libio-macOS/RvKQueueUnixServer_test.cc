@@ -89,6 +89,15 @@ TEST_F(RvKQueueUnixServerListen, APathOf103BytesIsAccepted) {
     EXPECT_TRUE(loop->createUnixServer(directory.pathOfLength(103).c_str(), 0600));
 }
 
+TEST_F(RvKQueueUnixServerListen, APathOfOneByteIsAccepted) {
+    const int before = open(".", O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, chdir(directory.path(".").c_str()));
+    EXPECT_TRUE(loop->createUnixServer("s", 0600));
+    EXPECT_EQ(0, fchdir(before));
+    EXPECT_EQ(0, close(before));
+    EXPECT_EQ(S_IFSOCK | 0600, modeOf(path));
+}
+
 TEST_F(RvKQueueUnixServerListen, APathOf104BytesFailsBeforeASocketIsMade) {
     const std::string longPath = directory.pathOfLength(104);
     EXPECT_EQ(0, close(open(longPath.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)));

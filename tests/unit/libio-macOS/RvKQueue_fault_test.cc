@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "libio-macOS/EventBlockSlot.h"
+#include "libio-macOS/OutputRun.h"
 #include "libio-macOS/RvKQueue.h"
 #include "libio-macOS/RvKQueueBipipeClient.h"
 #include "libio-macOS/RvKQueueStreamSocket.h"
@@ -124,6 +125,16 @@ TEST_F(RvKQueueThreadFault, WithoutAnEventListTheThreadEnds) {
     loop->start();
     EXPECT_TRUE(waitForLogged(LogLevel::kError, "cannot initialize event list"));
     EXPECT_TRUE(faults::hasFailed());
+    loop->waitForEnd();
+    loop->stop();
+}
+
+TEST_F(RvKQueueThreadFault, WithoutAListOfChangesTheThreadEnds) {
+    faults::failElsewhere(Kind::kRealloc, 2);
+    loop->start();
+    EXPECT_TRUE(waitForLogged(LogLevel::kError, "cannot initialize event list"));
+    EXPECT_TRUE(faults::hasFailed());
+    loop->waitForEnd();
     loop->stop();
 }
 
@@ -134,6 +145,7 @@ TEST_F(RvKQueueThreadFault, WithoutAFirstSnapshotTheThreadEnds) {
     loop->start();
     EXPECT_TRUE(waitForLogged(LogLevel::kError, "cannot initialize active list"));
     EXPECT_TRUE(faults::hasFailed());
+    loop->waitForEnd();
     loop->stop();
     EXPECT_EQ(1, probe->stops);
 }
@@ -152,6 +164,7 @@ TEST_F(RvKQueueThreadFault, WithoutALaterSnapshotTheThreadEnds) {
     for (const auto& probe : probes) loop->addActiveObject(probe);
     EXPECT_TRUE(waitForLogged(LogLevel::kError, "copying active list error"));
     EXPECT_TRUE(faults::hasFailed());
+    loop->waitForEnd();
     loop->stop();
     for (const auto& probe : probes) EXPECT_EQ(1, probe->stops);
 }
@@ -219,24 +232,34 @@ TEST_F(RvKQueueRegistryFault, AnEndpointThatCannotBeRegisteredIsReported) {
     EXPECT_EQ(1, probe.use_count());
 }
 
+// On the I/O thread, so that the list grows: nothing is taken from it meanwhile.
 TEST_F(RvKQueueRegistryFault, WithoutMemoryForTheListOfChangesTheWholeRegistryIsCopied) {
+    constexpr std::size_t kEndpoints = 10;  // for which the registry has room from the start
     loop->start();
-    std::vector<std::shared_ptr<ProbeEndpoint>> probes;
-    for (int i = 0; i < 10; ++i) {
-        probes.push_back(std::make_shared<ProbeEndpoint>());
-        faults::failHere(Kind::kNew, 2);
-        loop->addActiveObject(probes.back());
-        (void)faults::hasFailed();
+    std::vector<DescriptorPair> pairs;
+    for (std::size_t i = 0; i < kEndpoints; ++i) pairs.push_back(DescriptorPair::socketPair());
+    std::vector<Recorder> recorders(kEndpoints);
+    std::atomic<int> failures{0};
+    std::atomic<bool> isDone{false};
+    const auto first = loop->createTimer(1, true);
+    loop->startObject(first, Recorder().block([&](const RecordedEvent&, std::uint64_t*) {
+        for (std::size_t i = 0; i < kEndpoints; ++i) {
+            faults::failHere(Kind::kNew, 3);  // after the endpoint and the memory for its block
+            const auto endpoint = loop->createStreamSocket(pairs[i].release(0), true);
+            failures += faults::hasFailed() ? 1 : 0;
+            loop->startObject(endpoint, recorders[i].block());
+        }
+        isDone = true;
+        return true;
+    }));
+    ASSERT_TRUE(waitUntil([&] { return isDone.load(); }));
+    EXPECT_GE(failures, 1);
+    for (std::size_t i = 0; i < kEndpoints; ++i) {
+        writeAll(pairs[i][1], "x");
+        EXPECT_TRUE(recorders[i].waitFor(kEventData)) << i;
     }
-    DescriptorPair pair = DescriptorPair::socketPair();
-    Recorder recorder;
-    const auto endpoint = loop->createStreamSocket(pair.release(0), true);
-    loop->startObject(endpoint, recorder.block());
-    writeAll(pair[1], "x");
-    EXPECT_TRUE(recorder.waitFor(kEventData));
-    loop->stop();
     EXPECT_EQ(0u, loggedErrors().size());
-    for (const auto& probe : probes) EXPECT_EQ(1, probe->stops);
+    loop->stop();
 }
 
 TEST_F(RvKQueueRegistryFault, AnEndpointThatCannotBeStoppedStaysRegistered) {
@@ -353,8 +376,12 @@ TEST_F(RvKQueueFactoryFault, TheTimersTwoMessages) {
     EXPECT_FALSE(loop->addTimer(1, &ident, true));
     faults::failHere(Kind::kNew, 2);
     EXPECT_FALSE(loop->addTimer(1, &ident, true));
+    faults::failHere(Kind::kNew, 3);  // after the timer and the memory for its block: its place in the list
+    EXPECT_FALSE(loop->addTimer(1, &ident, true));
     EXPECT_EQ(-1, ident);
-    EXPECT_EQ((std::vector<std::string>{"cannot allocate number for timer", "cannot allocate timer"}),
+    EXPECT_FALSE(loop->isHereTimerIdent(64));
+    EXPECT_EQ((std::vector<std::string>{"cannot allocate number for timer", "cannot allocate timer",
+                                        "cannot allocate timer"}),
               loggedErrors());
     EXPECT_TRUE(loop->addTimer(1, &ident, true));
     EXPECT_EQ(64, ident);
@@ -457,7 +484,7 @@ TEST_F(RvKQueueEndpointFault, OutputThatFindsNoRoomEndsTheStream) {
     const auto endpoint = loop->createStreamSocket(pair[0], false);
     Recorder recorder;
     loop->startObject(endpoint, recorder.block());
-    loop->write(endpoint, "before", 6);
+    loop->write(endpoint, "b", 1);
     const std::string large(100000, 'x');
     faults::failHere(Kind::kRealloc, 1, 2);
     loop->write(endpoint, large.data(), large.size());
@@ -469,6 +496,19 @@ TEST_F(RvKQueueEndpointFault, OutputThatFindsNoRoomEndsTheStream) {
     EXPECT_EQ(2, recorder.count(kEventClosed));
     pair.close(0);
     EXPECT_EQ("", readExactly(pair[1], 100));  // no byte goes out beyond the hole
+}
+
+TEST_F(RvKQueueEndpointFault, OutputThatCannotBeJoinedStaysWhereItIs) {
+    OutputRun run;
+    OutputRun next;
+    const std::string large(100000, 'x');
+    ASSERT_TRUE(run.append("a", 1));
+    ASSERT_TRUE(next.append(large.data(), large.size()));
+    faults::failHere(Kind::kRealloc, 1, 2);
+    EXPECT_FALSE(run.take(next));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(1u, run.size());
+    EXPECT_EQ(large.size(), next.size());
 }
 
 TEST_F(RvKQueueEndpointFault, TheFirstBlockNeedsNoMemory) {
@@ -527,6 +567,7 @@ TEST_F(RvKQueueStop, TakesAboutASecond) {
     ASSERT_TRUE(recorder.waitFor(kEventData));
     loop->stop();
     EXPECT_TRUE(slept);
+    EXPECT_EQ(1, faults::longestSleepSeconds());
 }
 
 }  // namespace

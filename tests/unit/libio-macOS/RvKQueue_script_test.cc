@@ -30,6 +30,10 @@ class RvKQueueScript : public EngineTest {
         scripted_kernel::reset();
         EngineTest::SetUp();
     }
+    void TearDown() override {
+        scripted_kernel::heedTimeouts();
+        EngineTest::TearDown();
+    }
 
     std::shared_ptr<ProbeEndpoint> addProbe() {
         auto probe = std::make_shared<ProbeEndpoint>();
@@ -150,6 +154,76 @@ TEST_F(RvKQueueScript, ARequestOfAnotherThreadTakesEffectInTheNextTurn) {
         callsBefore = scripted_kernel::calls().size();
     }).join();
     EXPECT_TRUE(isCarriedInTime(EVFILT_READ, EV_DELETE));
+}
+
+TEST_F(RvKQueueScript, TheWakeUpIsRegisteredWithoutAWait) {
+    waitForTurn();
+    const KernelCall call = scripted_kernel::registrationOfTheWakeUp();
+    ASSERT_EQ(1U, call.changes.size());
+    EXPECT_EQ(EVFILT_READ, call.changes[0].filter);
+    EXPECT_EQ(EV_ADD | EV_ENABLE | EV_CLEAR, call.changes[0].flags);
+    EXPECT_EQ(1, call.room);
+    EXPECT_EQ(0, call.timeout.tv_sec);
+    EXPECT_EQ(0, call.timeout.tv_nsec);
+}
+
+// No turn of these cases ends by itself.
+TEST_F(RvKQueueScript, ARequestOfAnotherThreadEndsTheTurn) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair[0], false);
+    const auto timer = loop->createTimer(99, true);
+    const auto isHandedOver = [](const void* udata, int filter, int flags) {
+        return scripted_kernel::waitForChange([&](const auto& change) {
+            return change.udata == udata && change.filter == filter && change.flags == flags;
+        });
+    };
+    scripted_kernel::ignoreTimeouts();
+    loop->startObject(endpoint, Recorder().block());
+    EXPECT_TRUE(isHandedOver(endpoint.get(), EVFILT_READ, EV_ADD | EV_ENABLE));
+    scripted_kernel::ignoreTimeouts();
+    loop->write(endpoint, "x", 1);
+    EXPECT_TRUE(isHandedOver(endpoint.get(), EVFILT_WRITE, EV_ADD | EV_ENABLE));
+    scripted_kernel::ignoreTimeouts();
+    loop->startObject(timer, Recorder().block());
+    EXPECT_TRUE(isHandedOver(timer.get(), EVFILT_TIMER, EV_ADD | EV_ENABLE | EV_ONESHOT));
+    scripted_kernel::ignoreTimeouts();
+    loop->stopObject(endpoint);
+    EXPECT_TRUE(isHandedOver(endpoint.get(), EVFILT_WRITE, EV_DELETE));
+}
+
+TEST_F(RvKQueueScript, WhatHasTheTimeLeavesTheTurnAlone) {
+    const auto timer = loop->createTimer(100, false);
+    scripted_kernel::ignoreTimeouts();
+    loop->startObject(timer, Recorder().block());
+    loop->stopObject(timer);
+    EXPECT_EQ(0, scripted_kernel::wakeUps());
+    loop->stopObject(loop->createTimer(1, false));
+    EXPECT_EQ(0, scripted_kernel::wakeUps());
+    DescriptorPair pair = DescriptorPair::socketPair();
+    loop->stopObject(loop->createStreamSocket(pair.release(0), true));
+    EXPECT_EQ(1, scripted_kernel::wakeUps());
+}
+
+TEST_F(RvKQueueScript, WhatIsRetiredGoesAwayBeforeTheTurnWaits) {
+    auto probe = addProbe();
+    const std::weak_ptr<ProbeEndpoint> watch = probe;
+    scripted_kernel::ignoreTimeouts();
+    loop->stopObject(probe);
+    probe.reset();
+    EXPECT_TRUE(waitUntil([&] { return watch.expired(); }));
+}
+
+TEST_F(RvKQueueScript, ASocketThatIsNoneHasNoFiltersToLose) {
+    const auto none = loop->createStreamSocket(-1, false);
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto other = loop->createStreamSocket(pair[0], false);
+    loop->stopObject(none);
+    waitForTurn();
+    loop->stopObject(other);
+    ASSERT_TRUE(
+        scripted_kernel::waitForChange([&](const auto& change) { return change.udata == other.get(); }));
+    EXPECT_EQ(0, countChanges(none.get(), EVFILT_READ, EV_DELETE));
+    EXPECT_EQ(0, countChanges(none.get(), EVFILT_WRITE, EV_DELETE));
 }
 
 TEST_F(RvKQueueScript, AFailedCallIsNotReportedAndTheLoopGoesOn) {

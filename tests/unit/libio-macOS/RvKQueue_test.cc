@@ -48,6 +48,15 @@ TEST_F(RvKQueueInit, StoppingALoopThatNeverRanStopsItsEndpoints) {
     EXPECT_EQ(1, probe.use_count());
 }
 
+TEST_F(RvKQueueInit, ALoopThatIsDroppedReleasesItsEndpointsWithoutStoppingThem) {
+    const auto probe = std::make_shared<ProbeEndpoint>();
+    loop->addActiveObject(probe);
+    EXPECT_EQ(2, probe.use_count());
+    loop.reset();
+    EXPECT_EQ(1, probe.use_count());
+    EXPECT_EQ(0, probe->stops);
+}
+
 TEST_F(RvKQueueRun, LogsItsStart) {
     EXPECT_TRUE(isLogged(LogLevel::kDebug, "kqueue io thread is started"));
     EXPECT_TRUE(waitForLogged(LogLevel::kDebug, "io thread started"));
@@ -198,6 +207,79 @@ TEST_F(RvKQueueRun, AnEventBlockMayUseTheFactories) {
     EXPECT_TRUE(made.get_future().get());
     EXPECT_EQ("made", readExactly(inner[1], 4));
     EXPECT_EQ(1, innerRecorder.count(kEventConnected));
+}
+
+TEST_F(RvKQueueRun, CurrentIsTheLoopOnItsOwnThreadAlone) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair.release(0), true);
+    std::promise<const RvKQueue*> inside;
+    loop->startObject(endpoint, Recorder().block([&](const RecordedEvent& event, std::uint64_t*) {
+        if (event.code == kEventData)
+            inside.set_value(RvKQueue::current() ? RvKQueue::current()->get() : nullptr);
+        return true;
+    }));
+    writeAll(pair[1], "x");
+    EXPECT_EQ(loop.get(), inside.get_future().get());
+    EXPECT_EQ(nullptr, RvKQueue::current());
+}
+
+TEST_F(RvKQueueRun, ABlockMayWriteToAnEndpointOfAnotherLoop) {
+    const auto other = RvKQueue::initWithSubsystem(kTestSubsystem);
+    ASSERT_TRUE(other);
+    other->start();
+    const auto relay = [](RvKQueue& from, RvKQueue& to) {
+        DescriptorPair in = DescriptorPair::socketPair();
+        DescriptorPair out = DescriptorPair::socketPair();
+        const auto sink = to.createStreamSocket(out.release(0), true);
+        to.startObject(sink, {});
+        from.startObject(from.createStreamSocket(in.release(0), true),
+                         [sink](RvKQueueEventProtocol*, const char* buffer, std::uint64_t size,
+                                std::uint64_t*, std::int32_t event) {
+                             if (event == kEventData) sink->write(buffer, size);
+                             return true;
+                         });
+        writeAll(in[1], "x");
+        EXPECT_EQ("x", readExactly(out[1], 1));
+    };
+    relay(*loop, *other);
+    relay(*other, *loop);
+    other->stop();
+}
+
+TEST_F(RvKQueueRun, WritesOfABlockFollowThoseOfAnotherThreadBefore) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair.release(0), true);
+    loop->startObject(endpoint, Recorder().block([&](const RecordedEvent& event, std::uint64_t*) {
+        if (event.code != kEventData) return true;
+        std::thread([&] { loop->write(endpoint, "1", 1); }).join();
+        loop->write(endpoint, "2", 1);
+        std::thread([&] { loop->write(endpoint, "34", 2); }).join();
+        loop->write(endpoint, "5", 1);
+        return true;
+    }));
+    writeAll(pair[1], "x");
+    EXPECT_EQ("12345", readExactly(pair[1], 5));
+    stopLoop();  // the block must not outlive the case
+}
+
+TEST_F(RvKQueueRun, APeerThatDoesNotReadHoldsUpNobodyElse) {
+    DescriptorPair idle = DescriptorPair::socketPair();
+    DescriptorPair busy = DescriptorPair::socketPair();
+    const auto stuck = loop->createStreamSocket(idle.release(0), true);
+    const auto echo = loop->createStreamSocket(busy.release(0), true);
+    const std::string much = patternBytes(5'000'000, 1);
+    loop->startObject(stuck, {});
+    loop->startObject(echo, [this](RvKQueueEventProtocol* object, const char* buffer, std::uint64_t size,
+                                   std::uint64_t*, std::int32_t event) {
+        if (event == kEventData) loop->write(object, buffer, size);
+        return true;
+    });
+    loop->write(stuck, much.data(), much.size());
+    for (int round = 0; round < 10; ++round) {
+        writeAll(busy[1], "x");
+        EXPECT_EQ("x", readExactly(busy[1], 1));
+    }
+    EXPECT_TRUE(readExactly(idle[1], much.size()) == much);
 }
 
 TEST_F(RvKQueueRun, NoLockIsHeldWhileABlockRuns) {

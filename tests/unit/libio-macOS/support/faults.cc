@@ -24,8 +24,10 @@ thread_local int suspensions = 0;
 thread_local bool isExempt = false;
 
 constinit std::atomic<int> kindElsewhere{-1};
+constinit std::atomic<int> beforeElsewhere{0};  // calls that succeed before the failure
 constinit std::atomic<bool> failureHappened{false};
 constinit std::atomic<std::int64_t> secondsSlept{0};
+constinit std::atomic<std::int64_t> longestSleep{0};
 
 bool matches(Kind asked, Kind called) {
     if (asked == called) return true;
@@ -41,6 +43,7 @@ bool shouldFail(Kind called) {
     }
     int asked = kindElsewhere.load();
     if (isExempt || asked == -1 || !matches(static_cast<Kind>(asked), called)) return false;
+    if (beforeElsewhere-- > 0) return false;
     if (!kindElsewhere.compare_exchange_strong(asked, -1)) return false;
     failureHappened = true;
     return true;
@@ -53,9 +56,10 @@ void faults::failHere(Kind kind, int nth, int times) {
     planHere = {kind, nth - 1, times};
 }
 
-void faults::failElsewhere(Kind kind) {
+void faults::failElsewhere(Kind kind, int nth) {
     failureHappened = false;
     isExempt = true;
+    beforeElsewhere = nth - 1;
     kindElsewhere = static_cast<int>(kind);
 }
 
@@ -74,6 +78,10 @@ faults::Suspension::~Suspension() {
 
 std::int64_t faults::sleptSeconds() {
     return secondsSlept;
+}
+
+std::int64_t faults::longestSleepSeconds() {
+    return longestSleep;
 }
 
 void* operator new(std::size_t size) {
@@ -143,6 +151,7 @@ int __wrap_accept4(int sock, struct sockaddr* address, socklen_t* length, int fl
 
 int __wrap_nanosleep(const struct timespec* wanted, struct timespec* left) {
     secondsSlept += wanted->tv_sec;
+    if (wanted->tv_sec > longestSleep) longestSleep = wanted->tv_sec;
     return __real_nanosleep(wanted, left);
 }
 

@@ -13,8 +13,8 @@ enum class Kind { kMemory, kNew, kRealloc, kMutex, kThread, kEventfd, kSocket, k
 
 /// Makes the n-th call (1: the next) of this kind on this thread fail, and `times` - 1 calls after it.
 void failHere(Kind kind, int nth, int times = 1);
-/// Makes the next call of this kind on any thread but this one fail, once.
-void failElsewhere(Kind kind);
+/// Makes the n-th call of this kind on any thread but this one fail, once.
+void failElsewhere(Kind kind, int nth = 1);
 /// Whether the failure asked for has happened. Forgets it.
 bool hasFailed();
 
@@ -27,8 +27,9 @@ class Suspension {
     Suspension& operator=(const Suspension&) = delete;
 };
 
-/// Seconds that nanosleep was asked for on any thread, in all.
+/// Seconds that nanosleep was asked for on any thread, in all, and the most in one call.
 std::int64_t sleptSeconds();
+std::int64_t longestSleepSeconds();
 
 }  // namespace faults
 
