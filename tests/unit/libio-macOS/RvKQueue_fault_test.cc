@@ -406,6 +406,42 @@ TEST_F(RvKQueueFactoryFault, ALockThatFailsFailsTheEndpoint) {
     EXPECT_TRUE(isOpen(pair[0]));
 }
 
+// A number that is closed once more may be another's by then.
+TEST_F(RvKQueueFactoryFault, EveryDescriptorIsClosedOnce) {
+    const int before = faults::vainCloses();
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("s");
+    DescriptorPair forSocket = DescriptorPair::socketPair();
+    DescriptorPair forBoth = DescriptorPair::socketPair();
+    const std::int32_t both[2] = {forBoth[0], forBoth.release(0)};
+    const struct sockaddr_in address = loopback(0);
+    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {
+        loop->createStreamSocket(forSocket.release(0), true), loop->createBipipeClient(both, true),
+        loop->createUnixServer(path.c_str(), 0600), loop->createUnixClient(path.c_str()),
+        loop->createTCPServer(asSockaddr(address))};
+    loop->start();
+    for (const auto& endpoint : endpoints) {
+        ASSERT_TRUE(endpoint);
+        loop->startObject(endpoint, {});
+        loop->stopObject(endpoint);
+    }
+    EXPECT_FALSE(loop->createUnixServer(directory.path("no/place").c_str(), 0600));
+    faults::failHere(Kind::kSocket, 1, 4);
+    EXPECT_FALSE(loop->createUnixClient(path.c_str()));
+    EXPECT_FALSE(loop->createTCPClient(asSockaddr(address)));
+    EXPECT_FALSE(loop->createUnixServer(path.c_str(), 0600));
+    EXPECT_FALSE(loop->createTCPServer(asSockaddr(address)));
+    EXPECT_TRUE(faults::hasFailed());
+    loop->stop();
+    loop.reset();
+    faults::failHere(Kind::kThread, 1);
+    EXPECT_FALSE(RvKQueue::initWithSubsystem(kTestSubsystem));
+    faults::failHere(Kind::kEventfd, 1);
+    EXPECT_TRUE(RvKQueue::initWithSubsystem(kTestSubsystem));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(before, faults::vainCloses());
+}
+
 TEST_F(RvKQueueFactoryFault, WithoutADescriptorThereIsNoSocket) {
     const TemporaryDirectory directory;
     const std::string path = directory.path("s");

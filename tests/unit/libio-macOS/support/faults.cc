@@ -28,6 +28,7 @@ constinit std::atomic<int> beforeElsewhere{0};  // calls that succeed before the
 constinit std::atomic<bool> failureHappened{false};
 constinit std::atomic<std::int64_t> secondsSlept{0};
 constinit std::atomic<std::int64_t> longestSleep{0};
+constinit std::atomic<int> closesInVain{0};
 
 bool matches(Kind asked, Kind called) {
     if (asked == called) return true;
@@ -84,6 +85,10 @@ std::int64_t faults::longestSleepSeconds() {
     return longestSleep;
 }
 
+int faults::vainCloses() {
+    return closesInVain;
+}
+
 void* operator new(std::size_t size) {
     if (shouldFail(Kind::kNew)) throw std::bad_alloc();
     if (void* const memory = std::malloc(size == 0 ? 1 : size)) return memory;
@@ -108,6 +113,7 @@ int __real_eventfd(unsigned int initial, int flags);
 int __real_socket(int family, int type, int protocol);
 int __real_accept4(int sock, struct sockaddr* address, socklen_t* length, int flags);
 int __real_nanosleep(const struct timespec* wanted, struct timespec* left);
+int __real_close(int descriptor);
 
 void* __wrap_realloc(void* memory, std::size_t size);
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
@@ -117,6 +123,7 @@ int __wrap_eventfd(unsigned int initial, int flags);
 int __wrap_socket(int family, int type, int protocol);
 int __wrap_accept4(int sock, struct sockaddr* address, socklen_t* length, int flags);
 int __wrap_nanosleep(const struct timespec* wanted, struct timespec* left);
+int __wrap_close(int descriptor);
 
 void* __wrap_realloc(void* memory, std::size_t size) {
     return shouldFail(Kind::kRealloc) ? nullptr : __real_realloc(memory, size);
@@ -153,6 +160,12 @@ int __wrap_nanosleep(const struct timespec* wanted, struct timespec* left) {
     secondsSlept += wanted->tv_sec;
     if (wanted->tv_sec > longestSleep) longestSleep = wanted->tv_sec;
     return __real_nanosleep(wanted, left);
+}
+
+int __wrap_close(int descriptor) {
+    const int result = __real_close(descriptor);
+    if (result == -1 && errno == EBADF) ++closesInVain;
+    return result;
 }
 
 }  // extern "C"

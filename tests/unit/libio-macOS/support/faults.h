@@ -1,6 +1,6 @@
 /// Failures on demand: allocations, locks, threads and descriptors of a program linked with
-/// --wrap=realloc,pthread_mutex_init,pthread_create,eventfd,socket,accept4,nanosleep. The program's operator
-/// new is replaced.
+/// --wrap=realloc,pthread_mutex_init,pthread_create,eventfd,socket,accept4,nanosleep,close. The program's
+/// operator new is replaced.
 #ifndef RV_TESTS_ENGINE_FAULTS_H
 #define RV_TESTS_ENGINE_FAULTS_H
 
@@ -30,6 +30,9 @@ class Suspension {
 /// Seconds that nanosleep was asked for on any thread, in all, and the most in one call.
 std::int64_t sleptSeconds();
 std::int64_t longestSleepSeconds();
+
+/// How many calls of close on any thread were given a number that is not open.
+int vainCloses();
 
 }  // namespace faults
 
