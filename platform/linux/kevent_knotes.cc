@@ -72,11 +72,7 @@ void resetEntry(KnoteTable& table, Entry& entry) {
     setPolled(table, entry, false);
     setWritable(table, entry, false);
     if (entry.both) --table.bothCount;
-    const int fd = entry.fd;
-    const uint32_t generation = entry.generation;
     entry = Entry{};
-    entry.fd = fd;
-    entry.generation = generation;
 }
 
 void clearKnotes(KnoteTable& table) {

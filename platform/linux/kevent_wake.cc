@@ -15,8 +15,8 @@ namespace {
 
 std::atomic<int> wakeFd{-1};
 
-/// Makes the descriptor if it is not there. Nothing can be done if that fails: waiting threads then see the
-/// news when their time-out ends.
+/// Makes the descriptor if it is not there. Nothing can be done if that fails, or if epoll has no room for
+/// it: waiting threads then see the news when their time-out ends.
 int makeWakeFd(int stale) {
     const int made = eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK);
     if (made == -1) return -1;
@@ -35,6 +35,7 @@ void arm(int epoll, uint32_t events) {
         event.data.u64 = kWakeTag;
         if (epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &event) == 0) return;
         if (errno == ENOENT && epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0) return;
+        if (errno == ENOMEM || errno == ENOSPC) return;
         fd = makeWakeFd(fd);  // somebody closed it, with all descriptors perhaps
     }
 }

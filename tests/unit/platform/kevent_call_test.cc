@@ -109,7 +109,7 @@ TEST(KeventCall, DescriptorThatIsNoQueueIsBad) {
     struct kevent event {};
     const timespec none{};
     const Pair pair = pipePair();
-    for (const int fd : {-1, pair.reader.get(), INT_MAX}) {
+    for (const int fd : {-1, pair.reader.get(), 1 << 20, INT_MAX}) {
         errno = 0;
         EXPECT_EQ(kevent(fd, nullptr, 0, &event, 1, &none), -1);
         EXPECT_EQ(errno, EBADF);
@@ -173,6 +173,50 @@ TEST(KeventCall, QueueUnderAnOldNumberStartsEmpty) {
     EXPECT_EQ(second.apply(change(1, EVFILT_TIMER, EV_DELETE)), ENOENT);
     EXPECT_EQ(second.apply(read), 0);
     EXPECT_EQ(second.next().data, 4);
+}
+
+TEST(KeventCall, QueuesLiveBesideEachOther) {
+    const Queue first;
+    const Queue second;
+    const Queue third;
+    for (const Queue* queue : {&first, &second, &third}) {
+        const auto number = static_cast<uint64_t>(queue->fd());
+        ASSERT_EQ(queue->apply(change(number, EVFILT_TIMER, kArm, 0)), 0);
+    }
+    for (const Queue* queue : {&first, &second, &third}) {
+        EXPECT_THAT(queue->next(), IsEvent(queue->fd(), EVFILT_TIMER));
+    }
+}
+
+TEST(KeventCall, QueueMayHaveTheNumberOfStandardInput) {
+    const Fd input(dup(0));
+    ASSERT_EQ(::close(0), 0);
+    {
+        const Queue queue;
+        EXPECT_EQ(queue.fd(), 0);
+        ASSERT_EQ(queue.apply(change(1, EVFILT_TIMER, kArm, 0)), 0);
+        EXPECT_THAT(queue.next(), IsEvent(1, EVFILT_TIMER));
+    }
+    ASSERT_EQ(dup2(input.get(), 0), 0);
+}
+
+/// A queue that leaves bytes uncounted may answer a call without asking the kernel: the next one must not.
+TEST(KeventCall, ClosedQueueIsBadWhateverTheOneBeforeItDid) {
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    Queue first;
+    const int number = first.fd();
+    keventLeaveUncounted(number);
+    ASSERT_EQ(first.apply(change(fd, EVFILT_READ, kArm, 0, 0, 1)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(first.next().data, 1);
+    ASSERT_EQ(first.collect(kLimitMs, 8, {change(fd, EVFILT_WRITE, kArm, 0, 0, 1)}).size(), 1U);
+    first.close();
+    Queue second;
+    ASSERT_EQ(second.fd(), number);
+    second.close();
+    EXPECT_EQ(kevent(number, nullptr, 0, nullptr, 0, nullptr), -1);
+    EXPECT_EQ(errno, EBADF);
 }
 
 TEST(KeventCall, QueueIsCloseOnExec) {

@@ -280,6 +280,40 @@ TEST(KeventDescriptors, RegularFileThatWasReplacedHasNoKnotes) {
     (void)fclose(second);
 }
 
+/// The table of registrations grows with the numbers, by doubling.
+TEST(KeventDescriptors, NumbersFarApartAreAllHeard) {
+    raiseDescriptorLimit();
+    const Queue queue;
+    const Pair pair = unixPair();
+    std::vector<Fd> copies;
+    for (const int number : {1024, 1023, 100, 2047, 2048, 4096}) {
+        copies.emplace_back(fcntl(pair.reader.get(), F_DUPFD_CLOEXEC, number));
+        ASSERT_EQ(queue.apply(change(ident(copies.back()), EVFILT_READ, kArm, 0, 0, number)), 0);
+    }
+    writeAll(pair.writer.get(), "x");
+    const auto events = queue.collect();
+    EXPECT_EQ(events.size(), copies.size());
+    for (const auto& event : events) EXPECT_EQ(event.udata, markAddress(static_cast<int>(event.ident)));
+}
+
+TEST(KeventDescriptors, FilesComeAndGoBesideEachOther) {
+    const Queue queue;
+    std::vector<Fd> files;
+    for (int i = 0; i < 4; ++i) {
+        files.emplace_back(open("/dev/null", O_RDWR | O_CLOEXEC));
+        ASSERT_EQ(queue.apply(change(ident(files.back()), EVFILT_READ, kArm)), 0);
+    }
+    size_t left = files.size();
+    for (const size_t i : {0U, 2U, 3U, 1U}) {
+        EXPECT_EQ(queue.collect().size(), left);
+        ASSERT_EQ(queue.apply(change(ident(files[i]), EVFILT_READ, EV_DELETE)), 0);
+        --left;
+    }
+    EXPECT_TRUE(queue.collect().empty());
+    for (const Fd& file : files) ASSERT_EQ(queue.apply(change(ident(file), EVFILT_READ, kArm)), 0);
+    EXPECT_EQ(queue.collect().size(), files.size());
+}
+
 TEST(KeventDescriptors, ManyNumbersOpenAndClose) {
     const Queue queue;
     for (int round = 0; round < 50; ++round) {

@@ -3,23 +3,34 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "kevent_support.h"
 
 namespace {
 
-int countdown = 0;         // the allocation that fails: 1 is the next one; 0: none
-int refusedOperation = 0;  // of epoll_ctl(2); 0: none
-int refusal = 0;           // its errno
+int countdown = 0;                   // the allocation that fails: 1 is the next one; 0: none
+std::function<void()> onAllocation;  // called once, by the next one
+int refusedOperation = 0;            // of epoll_ctl(2); 0: none
+int refusal = 0;                     // its errno
 bool oldKernel = false;
 int refusals = 0;  // of the old kernel
+int atForkError = 0;
+std::atomic<int> waits{0};  // how often epoll was asked
 
 bool fails() {
+    if (onAllocation) std::exchange(onAllocation, nullptr)();
     return countdown > 0 && --countdown == 0;
 }
 
@@ -31,6 +42,13 @@ void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* memory, size_t size);
 void* __wrap_calloc(size_t count, size_t size);
 void* __wrap_realloc(void* memory, size_t size);
+
+int __real_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)());
+int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)());
+
+int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)()) {
+    return atForkError != 0 ? atForkError : __real_pthread_atfork(prepare, parent, child);
+}
 
 void* __wrap_calloc(size_t count, size_t size) {
     return fails() ? nullptr : __real_calloc(count, size);
@@ -48,6 +66,14 @@ int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event) {
     return -1;
 }
 
+int __real_epoll_wait(int epoll, epoll_event* events, int room, int ms);
+int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int ms);
+
+int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int ms) {
+    ++waits;
+    return __real_epoll_wait(epoll, events, room, ms);
+}
+
 int __real_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec* timeout,
                         const sigset_t* mask);
 int __wrap_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec* timeout,
@@ -55,6 +81,7 @@ int __wrap_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec
 
 int __wrap_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec* timeout,
                         const sigset_t* mask) {
+    ++waits;
     if (!oldKernel) return __real_epoll_pwait2(epoll, events, room, timeout, mask);
     ++refusals;
     errno = ENOSYS;
@@ -106,6 +133,87 @@ TEST(KeventFault, KqueueWithoutADescriptor) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(kq, -1);
     EXPECT_EQ(error, EMFILE);
+}
+
+/// In a process that has made no queue yet: the handler of fork(2) is registered once.
+TEST(KeventFault, KqueueWithoutAForkHandlerFails) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            atForkError = ENOMEM;
+            const int before = dup(0);
+            (void)close(before);
+            const int kq = kqueue();
+            const bool failed = kq == -1 && errno == ENOMEM;
+            _exit(failed && dup(0) == before ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST(KeventFault, NumberThatIsNoQueueAllocatesNothing) {
+    const Queue queue;
+    countdown = 1;
+    struct kevent event;
+    EXPECT_EQ(kevent(5'000, nullptr, 0, &event, 1, nullptr), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(countdown, 1);
+    countdown = 0;
+}
+
+/// Takes all numbers below one at which the table of queues grows.
+std::vector<Fd> takeNumbersBelow(int number) {
+    raiseDescriptorLimit();
+    std::vector<Fd> taken;
+    do {
+        taken.emplace_back(fcntl(0, F_DUPFD_CLOEXEC, 0));
+    } while (taken.back().get() != -1 && taken.back().get() != number - 1);
+    EXPECT_NE(taken.back().get(), -1);
+    return taken;
+}
+
+bool firesATimer(int kq) {
+    struct kevent event = change(1, EVFILT_TIMER, kArm | EV_ONESHOT, 0);
+    return kevent(kq, &event, 1, &event, 1, nullptr) == 1 && event.filter == EVFILT_TIMER;
+}
+
+TEST(KeventFault, ForkWhileAQueueIsMadeLeavesTheChildAbleToMakeItsOwn) {
+    const std::vector<Fd> taken = takeNumbersBelow(1024);
+    pid_t child = -1;
+    onAllocation = [&child] {
+        child = fork();
+        if (child != 0) return;
+        (void)alarm(20);
+        _exit(firesATimer(kqueue()) ? 0 : 1);
+    };
+    const Queue queue;
+    ASSERT_GT(child, 0);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(firesATimer(queue.fd()));
+}
+
+TEST(KeventFault, QueuesMadeAtTheSameTimeAreAllThere) {
+    const std::vector<Fd> taken = takeNumbersBelow(2048);
+    int other = -1;
+    std::atomic<pid_t> tid{0};
+    std::atomic<bool> done{false};
+    std::thread thread;
+    onAllocation = [&] {
+        thread = std::thread([&] {
+            tid = gettid();
+            other = kqueue();
+            done = true;
+        });
+        const int64_t limit = nowMs() + kLimitMs;
+        while (!done && (tid == 0 || threadState(tid) != 'S') && nowMs() < limit) std::this_thread::yield();
+    };
+    const Queue queue;
+    ASSERT_TRUE(thread.joinable());
+    thread.join();
+    const Fd owner(other);
+    EXPECT_TRUE(firesATimer(queue.fd()));
+    EXPECT_TRUE(firesATimer(other));
 }
 
 TEST(KeventFault, DescriptorChangeWithoutMemory) {
@@ -202,6 +310,19 @@ TEST(KeventFault, AChangeThatTheKernelRefusesLeavesTheOtherFilter) {
     EXPECT_THAT(queue.collect(), testing::ElementsAre(IsEvent(fd, EVFILT_READ)));
     EXPECT_EQ(queue.apply(write), 0);
     EXPECT_EQ(queue.collect().size(), 2U);
+}
+
+TEST(KeventFault, WakeUpThatTheKernelRefusesLeavesNoDescriptorBehind) {
+    const Queue queue;
+    Waiter waiter(queue);
+    const auto before = eventfds().size();
+    for (uint64_t i = 1; i <= 3; ++i) {
+        const auto later = change(i, EVFILT_TIMER, kArm, 3'600'000);
+        EXPECT_EQ(applyRefused(queue, later, EPOLL_CTL_ADD, ENOSPC), 0);
+    }
+    EXPECT_LE(eventfds().size(), before + 1);
+    ASSERT_EQ(queue.apply(change(4, EVFILT_TIMER, kArm, 0)), 0);
+    EXPECT_THAT(waiter.finish(), IsEvent(4, EVFILT_TIMER));
 }
 
 /// epoll_pwait2(2) is there since Linux 5.11.

@@ -7,11 +7,14 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
 #include <ostream>
 #include <sstream>
 
@@ -171,6 +174,53 @@ void resetConnection(Fd& fd) {
     const linger hard{1, 0};
     ASSERT_EQ(setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard), 0);
     fd.reset();
+}
+
+char threadState(pid_t tid) {
+    const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
+    FILE* file = fopen(path.c_str(), "re");
+    if (file == nullptr) return '?';
+    char state = '?';
+    if (fscanf(file, "%*d %*s %c", &state) != 1) state = '?';
+    (void)fclose(file);
+    return state;
+}
+
+std::vector<int> eventfds() {
+    std::vector<int> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;  // the directory's own number
+        const auto target = std::filesystem::read_symlink(entry.path(), gone);
+        if (target == "anon_inode:[eventfd]") found.push_back(std::stoi(entry.path().filename()));
+    }
+    return found;
+}
+
+Waiter::Waiter(const Queue& queue) : thread_([this, fd = queue.fd()] { run(fd); }) {
+    const int64_t limit = nowMs() + kLimitMs;
+    while ((tid_ == 0 || threadState(tid_) != 'S') && nowMs() < limit) std::this_thread::yield();
+}
+
+Waiter::~Waiter() {
+    if (thread_.joinable()) thread_.join();
+}
+
+struct kevent Waiter::finish() {
+    thread_.join();
+    EXPECT_EQ(result_, 1);
+    return event_;
+}
+
+void Waiter::run(int fd) {
+    tid_ = gettid();
+    result_ = kevent(fd, nullptr, 0, &event_, 1, nullptr);
+}
+
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = limit.rlim_max;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 }
 
 int64_t nowMs() {

@@ -7,9 +7,11 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/kevent.h"
@@ -110,6 +112,36 @@ void waitReadable(int fd, int bytes);
 
 /// Resets a TCP connection from this end.
 void resetConnection(Fd& fd);
+
+/// The state letter of a thread of this process: 'S' while it sleeps in the kernel.
+char threadState(pid_t tid);
+
+/// The eventfds that this process has open.
+std::vector<int> eventfds();
+
+/// A thread in kevent() without a time-out.
+class Waiter {
+  public:
+    /// Returns when the thread sleeps.
+    explicit Waiter(const Queue& queue);
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+    ~Waiter();
+
+    /// The event that ended the wait.
+    struct kevent finish();
+
+  private:
+    void run(int fd);
+
+    std::atomic<pid_t> tid_{0};
+    struct kevent event_ {};
+    int result_ = 0;
+    std::thread thread_;  // last: it uses the others
+};
+
+/// Lets the process have as many descriptors as the system allows it.
+void raiseDescriptorLimit();
 
 int64_t nowMs();
 

@@ -17,48 +17,6 @@ uint64_t ident(const Fd& fd) {
     return static_cast<uint64_t>(fd.get());
 }
 
-/// The state letter of a thread of this process: 'S' while it sleeps in the kernel.
-char threadState(pid_t tid) {
-    const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
-    FILE* file = fopen(path.c_str(), "re");
-    if (file == nullptr) return '?';
-    char state = '?';
-    if (fscanf(file, "%*d %*s %c", &state) != 1) state = '?';
-    (void)fclose(file);
-    return state;
-}
-
-/// A thread in kevent() without a time-out.
-class Waiter {
-  public:
-    explicit Waiter(const Queue& queue) : thread_([this, fd = queue.fd()] { run(fd); }) {
-        const int64_t limit = nowMs() + kLimitMs;
-        while ((tid_ == 0 || threadState(tid_) != 'S') && nowMs() < limit) std::this_thread::yield();
-    }
-    Waiter(const Waiter&) = delete;
-    Waiter& operator=(const Waiter&) = delete;
-    ~Waiter() {
-        if (thread_.joinable()) thread_.join();
-    }
-
-    struct kevent finish() {
-        thread_.join();
-        EXPECT_EQ(result_, 1);
-        return event_;
-    }
-
-  private:
-    void run(int fd) {
-        tid_ = gettid();
-        result_ = kevent(fd, nullptr, 0, &event_, 1, nullptr);
-    }
-
-    std::atomic<pid_t> tid_{0};
-    struct kevent event_ {};
-    int result_ = 0;
-    std::thread thread_;  // last: it uses the others
-};
-
 TEST(KeventThreads, DescriptorChangeWakesTheWaiter) {
     const Queue queue;
     const Pair pair = unixPair();
@@ -73,6 +31,17 @@ TEST(KeventThreads, TimerChangeWakesTheWaiter) {
     Waiter waiter(queue);
     ASSERT_EQ(queue.apply(change(2, EVFILT_TIMER, kArm, 5)), 0);
     EXPECT_THAT(waiter.finish(), IsEvent(2, EVFILT_TIMER));
+}
+
+TEST(KeventThreads, WaiterIsWokenThoughSomebodyClosedEveryEventfd) {
+    const Queue queue;
+    for (uint64_t i = 1; i <= 2; ++i) {
+        Waiter waiter(queue);
+        ASSERT_EQ(queue.apply(change(i, EVFILT_TIMER, kArm | EV_ONESHOT, 0)), 0);
+        EXPECT_THAT(waiter.finish(), IsEvent(i, EVFILT_TIMER));
+        ASSERT_EQ(eventfds().size(), 1U);
+        ASSERT_EQ(close(eventfds().front()), 0);
+    }
 }
 
 TEST(KeventThreads, AlwaysReadyFileWakesTheWaiter) {
@@ -125,6 +94,32 @@ TEST(KeventThreads, WaiterSurvivesTheExchangeOfTheInstance) {
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
     ASSERT_EQ(queue.apply(change(7, EVFILT_TIMER, kArm, 1)), 0);
     EXPECT_THAT(waiter.finish(), IsEvent(7, EVFILT_TIMER));
+}
+
+/// One of them meets the stale entry, whose edge is told once, and the others wait on the old instance.
+TEST(KeventThreads, EveryWaiterSurvivesTheExchangeOfTheInstance) {
+    const Queue queue;
+    Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    Waiter first(queue);
+    Waiter second(queue);
+    const Fd copy(dup(pair.reader.get()));
+    pair.reader.reset();
+    writeAll(pair.writer.get(), "to the copy");
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    for (const uint64_t i : {7, 8}) ASSERT_EQ(queue.apply(change(i, EVFILT_TIMER, kArm | EV_ONESHOT, 0)), 0);
+    EXPECT_EQ(first.finish().ident + second.finish().ident, 15U);
+}
+
+TEST(KeventThreads, WakeUpsShareOneDescriptor) {
+    const Queue queue;
+    Waiter waiter(queue);
+    for (uint64_t i = 1; i <= 5; ++i) {
+        ASSERT_EQ(queue.apply(change(i, EVFILT_TIMER, kArm, 3'600'000)), 0);
+        EXPECT_EQ(eventfds().size(), 1U);
+    }
+    ASSERT_EQ(queue.apply(change(6, EVFILT_TIMER, kArm, 0)), 0);
+    EXPECT_THAT(waiter.finish(), IsEvent(6, EVFILT_TIMER));
 }
 
 TEST(KeventThreads, ChangesFromManyThreadsAllArrive) {

@@ -271,6 +271,19 @@ TEST(KeventWrite, AnswerOnAClosedNumberFails) {
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
 }
 
+TEST(KeventWrite, AnswerOnANumberThatIsAnotherFileLeavesTheErrnoOfAFailure) {
+    const Queue queue;
+    Pair pair = unixPair();
+    const Pair other = unixPair();
+    const auto fd = ident(pair.reader);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm, 0, 0, 1)), 0);
+    writeAll(pair.writer.get(), "question");
+    EXPECT_THAT(queue.next(), IsEvent(fd, EVFILT_READ));
+    EXPECT_EQ(only(queue.collect(0, 8, {change(fd, EVFILT_WRITE, kArm, 0, 0, 1)}), EVFILT_WRITE).size(), 1U);
+    ASSERT_EQ(dup2(other.reader.get(), pair.reader.get()), pair.reader.get());
+    EXPECT_EQ(queue.apply(change(fd, 77, kArm)), EINVAL);
+}
+
 TEST(KeventWrite, AnswerWithoutRoomInTheListComesNextTime) {
     const Queue queue;
     const Pair pair = unixPair();
