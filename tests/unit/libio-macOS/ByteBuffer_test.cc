@@ -87,6 +87,45 @@ TEST(ByteBuffer, ADrainedLargeBufferServesAgain) {
     }
 }
 
+TEST(ByteBuffer, StorageThatStaysMostlyEmptyIsGivenBack) {
+    ByteBuffer buffer;
+    const std::string much(3 * ByteBuffer::kKeptBytes, 'x');
+    ASSERT_TRUE(buffer.append(much.data(), much.size()));
+    buffer.drop(much.size());
+    EXPECT_GE(buffer.spare(), much.size());  // the next burst may come at once
+    ASSERT_TRUE(buffer.append("abc", 3));
+    for (int round = 0; round < 100; ++round) {
+        const char byte = static_cast<char>('a' + round % 26);
+        ASSERT_TRUE(buffer.append(&byte, 1));
+        buffer.drop(1);
+    }
+    EXPECT_LE(buffer.spare(), ByteBuffer::kKeptBytes);
+    EXPECT_EQ("tuv", textOf(buffer));
+    buffer.drop(3);
+    EXPECT_TRUE(buffer.isEmpty());
+}
+
+TEST(ByteBuffer, LargeStorageIsGivenBackAtOnce) {
+    ByteBuffer buffer;
+    const std::string much(std::size_t{8} << 20, 'x');
+    for (const std::size_t left : {3U, 0U}) {
+        ASSERT_TRUE(buffer.append(much.data(), much.size() - buffer.size()));
+        buffer.drop(much.size() - left);
+        EXPECT_LE(buffer.spare(), ByteBuffer::kKeptBytes);
+        EXPECT_EQ(std::string(left, 'x'), textOf(buffer));
+    }
+}
+
+TEST(ByteBuffer, LittleStorageIsKept) {
+    ByteBuffer buffer;
+    const std::string little(1000, 'x');
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_TRUE(buffer.append(little.data(), little.size()));
+        buffer.drop(little.size());
+        ASSERT_GE(buffer.spare(), little.size());
+    }
+}
+
 TEST(ByteBuffer, SwapExchangesEverything) {
     ByteBuffer one;
     ByteBuffer other;

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -77,6 +78,14 @@ TEST_F(RvKQueueTCPServerListen, MayReuseItsAddressAndItsPort) {
         EXPECT_EQ(0, getsockopt(socketOf(*server), SOL_SOCKET, option, &isSet, &length));
         EXPECT_NE(0, isSet) << option;
     }
+}
+
+TEST_F(RvKQueueTCPServerListen, AHundredAndTwentyEightConnectionsMayWait) {
+    const auto server = makeServer();
+    struct tcp_info info = {};
+    socklen_t length = sizeof info;
+    ASSERT_EQ(0, getsockopt(socketOf(*server), IPPROTO_TCP, TCP_INFO, &info, &length));
+    EXPECT_EQ(128U, info.tcpi_sacked);  // of a listening socket, its backlog
 }
 
 TEST_F(RvKQueueTCPServerListen, SharesItsPortWithOthersThatShareIt) {

@@ -106,6 +106,22 @@ TEST_F(RvKQueueUnixServerListen, APathOf104BytesFailsBeforeASocketIsMade) {
     EXPECT_EQ(S_IFREG | 0600, modeOf(longPath));  // what was there has not been unlinked
 }
 
+TEST_F(RvKQueueUnixServerListen, AHundredAndTwentyEightConnectionsMayWait) {
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    ASSERT_TRUE(server);  // and not started: nobody accepts
+    std::vector<int> clients;
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    for (int i = 0; i < 128; ++i) {
+        clients.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        EXPECT_EQ(0,
+                  connect(clients.back(), reinterpret_cast<const struct sockaddr*>(&address), sizeof address))
+            << i;
+    }
+    for (const int client : clients) EXPECT_EQ(0, close(client));
+}
+
 TEST_F(RvKQueueUnixServerListen, AnEmptyPathFails) {
     EXPECT_FALSE(loop->createUnixServer("", 0600));
     EXPECT_EQ(1, countLogged(LogLevel::kError, kFailure));
