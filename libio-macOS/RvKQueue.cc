@@ -113,7 +113,7 @@ void RvKQueue::stop() noexcept {
     while (!ioThread->isFinished()) std::this_thread::sleep_for(kStopPoll);
     while (stopRemaining()) {
     }
-    if (kq != -1) (void)close(kq);  // nothing is left to undo
+    (void)close(kq);  // nothing is left to undo
     kq = -1;
 }
 

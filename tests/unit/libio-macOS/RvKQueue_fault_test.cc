@@ -525,9 +525,10 @@ TEST_F(RvKQueueEndpointFault, OutputThatFindsNoRoomEndsTheStream) {
     faults::failHere(Kind::kRealloc, 1, 2);
     loop->write(endpoint, large.data(), large.size());
     EXPECT_TRUE(faults::hasFailed());
-    loop->write(endpoint, "after", 5);
     const struct kevent record = {0, EVFILT_WRITE, EV_ADD | EV_ENABLE, 0, 1000, endpoint.get()};
     endpoint->kevent(&record);
+    EXPECT_EQ(1, recorder.count(kEventClosed));
+    loop->write(endpoint, "after", 5);
     endpoint->kevent(&record);
     EXPECT_EQ(2, recorder.count(kEventClosed));
     pair.close(0);
