@@ -47,7 +47,6 @@ struct Collector {
     struct kevent* list;
     int room;
     int count;
-    bool timersTaken;
     bool stale;       // epoll reported an entry that a close(2) has ended
     bool unread;      // epoll may have more to report
     bool repeated;    // epoll has begun to report the same entries again
@@ -159,7 +158,7 @@ void deliver(Collector& c, Entry& entry, unsigned wanted, uint32_t events) {
 /// A level filter shares its epoll entry with an EV_CLEAR one: the edge was told, the level has to be looked
 /// at.
 void pollLevelBesideEdge(Collector& c, Entry& entry) {
-    if ((entry.mask & EPOLLET) == 0 || !isLive(entry)) return;
+    if ((entry.mask & EPOLLET) == 0) return;
     if (isLevel(entry.read) || isLevel(entry.write)) setPolled(c.queue.knotes, entry, true);
 }
 
@@ -207,7 +206,7 @@ void takeReport(Collector& c, const epoll_event& report) {
     }
     const uint32_t generation = static_cast<uint32_t>(report.data.u64 >> 32);
     Entry* entry = findEntry(c.queue.knotes, static_cast<int>(static_cast<uint32_t>(report.data.u64)));
-    if (entry == nullptr || !isLive(*entry) || !entry->inEpoll || entry->generation != generation) {
+    if (entry == nullptr || !entry->inEpoll || entry->generation != generation) {
         if (!c.raced) c.stale = true;
         return;
     }
@@ -225,7 +224,6 @@ void takeReport(Collector& c, const epoll_event& report) {
     setParked(c.queue, *entry, unconnected);
     if (unconnected) return;
     entry->seen = c.queue.call;
-    entry->seenEvents = report.events;
     deliver(c, *entry, kRead | kWrite, report.events);
     pollLevelBesideEdge(c, *entry);
 }
@@ -300,10 +298,8 @@ bool takeEpoll(Collector& c, int64_t ns) {
 }
 
 void takeTimers(Collector& c) {
-    if (c.timersTaken || c.full() || !hasTimers(c)) return;
-    const int taken = collectTimers(c.queue.timers, timeNow(c), c.list + c.count, c.room - c.count);
-    c.count += taken;
-    c.timersTaken = taken > 0;
+    if (c.full() || !hasTimers(c)) return;
+    c.count += collectTimers(c.queue.timers, timeNow(c), c.list + c.count, c.room - c.count);
 }
 
 unsigned levelFilters(const Entry& entry) {
@@ -448,7 +444,7 @@ bool collectUntil(Collector& c) {
 }  // namespace
 
 int collectEvents(Kqueue& queue, struct kevent* list, int room, const timespec* timeout) {
-    Collector c{queue, list, room, 0, false, false, false, false, false, false, timeoutNs(timeout), 0, 0};
+    Collector c{queue, list, room, 0, false, false, false, false, false, timeoutNs(timeout), 0, 0};
     handToEpoll(queue, true);
     if (!collectUntil(c)) return -1;
     const bool deferred = hasTimers(c) || queue.knotes.polled.count > 0;

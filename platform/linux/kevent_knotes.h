@@ -48,11 +48,10 @@ struct Entry {
     int fd;
     uint32_t generation;  // of the registration; stands beside fd in epoll_event.data
     uint32_t mask;        // what epoll was told
-    uint32_t seenEvents;  // what epoll reported in the call `seen`
-    uint64_t seen;
-    uint64_t checked;   // the call in which the number was known to be the registered file
-    uint64_t returned;  // the last call that returned READ of the checked file
-    uint64_t armed;     // the call that put WRITE into user space
+    uint64_t seen;        // the call in which epoll reported it last
+    uint64_t checked;     // the call in which the number was known to be the registered file
+    uint64_t returned;    // the last call that returned READ of the checked file
+    uint64_t armed;       // the call that put WRITE into user space
     Knote read;
     Knote write;
     dev_t device;  // of an always-ready file

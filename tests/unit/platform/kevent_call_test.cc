@@ -211,7 +211,10 @@ TEST(KeventCall, ClosedQueueIsBadWhateverTheOneBeforeItDid) {
     writeAll(pair.writer.get(), "x");
     EXPECT_EQ(first.next().data, 1);
     ASSERT_EQ(first.collect(kLimitMs, 8, {change(fd, EVFILT_WRITE, kArm, 0, 0, 1)}).size(), 1U);
+    EXPECT_TRUE(first.collect(0, 8, {change(fd, EVFILT_WRITE, EV_DELETE), change(fd, EVFILT_READ, EV_DELETE)})
+                    .empty());
     first.close();
+    EXPECT_EQ(kevent(number, nullptr, 0, nullptr, 0, nullptr), -1);
     Queue second;
     ASSERT_EQ(second.fd(), number);
     second.close();
@@ -304,6 +307,43 @@ TEST(KeventCall, ThousandEventsComeInOneCall) {
     for (uint64_t ident = 0; ident < 200; ++ident) changes.push_back(change(ident, EVFILT_TIMER, kArm, 0));
     const auto events = queue.collect(kLimitMs, 1000, changes);
     EXPECT_EQ(events.size(), 1000U);
+}
+
+TEST(KeventCall, ManyEventsComeOnceInAListThatIsLonger) {
+    raiseDescriptorLimit();
+    const Queue queue;
+    const Pair pair = pipePair();
+    writeAll(pair.writer.get(), "x");
+    std::vector<Fd> copies;
+    std::vector<struct kevent> changes;
+    for (int i = 0; i < 1'500; ++i) {
+        copies.emplace_back(fcntl(pair.reader.get(), F_DUPFD_CLOEXEC, 0));
+        changes.push_back(change(static_cast<uint64_t>(copies.back().get()), EVFILT_READ, kArm));
+    }
+    EXPECT_EQ(queue.collect(kLimitMs, 4'000, changes).size(), copies.size());
+    EXPECT_EQ(queue.collect(kLimitMs, 4'000).size(), copies.size());
+}
+
+/// Whichever source of events comes first.
+TEST(KeventCall, NothingIsStoredBehindTheList) {
+    const Queue queue;
+    const Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    std::vector<Pair> pairs;
+    for (int i = 0; i < 3; ++i) {
+        pairs.push_back(pipePair());
+        writeAll(pairs.back().writer.get(), "x");
+        ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(pairs.back().reader.get()), EVFILT_READ, kArm)),
+                  0);
+    }
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(null.get()), EVFILT_READ, kArm)), 0);
+    for (int call = 0; call < 6; ++call) {
+        std::vector<struct kevent> changes;
+        for (uint64_t i = 0; i < 5; ++i) changes.push_back(change(i, EVFILT_TIMER, kArm, 0));
+        struct kevent list[16] = {};
+        const timespec none{};
+        EXPECT_EQ(kevent(queue.fd(), changes.data(), 5, list, 6, &none), 6);
+        for (int i = 6; i < 16; ++i) EXPECT_EQ(list[i].filter, 0);
+    }
 }
 
 TEST(KeventCall, SocketsWithBothFiltersFillAListExactly) {

@@ -2,6 +2,7 @@
 /// inherits.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -196,6 +197,53 @@ TEST_P(KeventHeldFile, NumberRegisteredAgainAtOnceHearsOfItsOwnFileOnly) {
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
     writeAll(second.writer.get(), "new");
     EXPECT_EQ(queue.next().data, 3);
+    EXPECT_EQ(readSome(reused.get()), "new");
+    pair.writer.reset();
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty()) << "the end of the old file is not that of the new one";
+}
+
+TEST_P(KeventHeldFile, CloseEndsTheKnotesOfAKnownConnection) {
+    const Queue queue;
+    Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(queue.next().data, 1);
+    EXPECT_EQ(queue.next().data, 1);
+    const Held held(GetParam(), pair.reader);
+    pair.reader.reset();
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+}
+
+TEST_P(KeventHeldFile, CloseEndsAKnoteTakenByEdge) {
+    const Queue queue;
+    Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    const Held held(GetParam(), pair.reader);
+    pair.reader.reset();
+    writeAll(pair.writer.get(), "to the holder");
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+}
+
+TEST_P(KeventHeldFile, CloseEndsTheKnoteOfAFileThatCountsNothing) {
+    const Queue queue;
+    Fd counter(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+    ASSERT_EQ(queue.apply(change(ident(counter), EVFILT_READ, kArm)), 0);
+    EXPECT_THAT(queue.next(), IsEvent(ident(counter), EVFILT_READ));
+    const Held held(GetParam(), counter);
+    counter.reset();
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+}
+
+TEST_P(KeventHeldFile, CloseEndsTheKnotesOfAPipeInAQueueThatLeavesSocketsUncounted) {
+    const Queue queue;
+    keventLeaveUncounted(queue.fd());
+    Pair pair = pipePair();
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    EXPECT_EQ(queue.next().data, 1);
+    const Held held(GetParam(), pair.reader);
+    pair.reader.reset();
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
 }
 
 TEST_P(KeventHeldFile, TimersAndFilesLiveOnInTheNewInstance) {

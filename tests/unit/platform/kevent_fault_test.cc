@@ -25,13 +25,21 @@ std::function<void()> onAllocation;  // called once, by the next one
 int refusedOperation = 0;            // of epoll_ctl(2); 0: none
 int refusal = 0;                     // its errno
 bool oldKernel = false;
-int refusals = 0;  // of the old kernel
+bool interrupts = false;  // the next wait
+int refusals = 0;         // of the old kernel
 int atForkError = 0;
-std::atomic<int> waits{0};  // how often epoll was asked
+std::atomic<int> waits{0};       // how often epoll was asked
+std::atomic<bool> slept{false};  // in one of them
 
 bool fails() {
     if (onAllocation) std::exchange(onAllocation, nullptr)();
     return countdown > 0 && --countdown == 0;
+}
+
+bool interrupted() {
+    if (!std::exchange(interrupts, false)) return false;
+    errno = EINTR;
+    return true;
 }
 
 }  // namespace
@@ -71,6 +79,8 @@ int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int ms);
 
 int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int ms) {
     ++waits;
+    if (ms != 0) slept = true;
+    if (interrupted()) return -1;
     return __real_epoll_wait(epoll, events, room, ms);
 }
 
@@ -82,6 +92,8 @@ int __wrap_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec
 int __wrap_epoll_pwait2(int epoll, epoll_event* events, int room, const timespec* timeout,
                         const sigset_t* mask) {
     ++waits;
+    slept = true;
+    if (interrupted()) return -1;
     if (!oldKernel) return __real_epoll_pwait2(epoll, events, room, timeout, mask);
     ++refusals;
     errno = ENOSYS;
@@ -258,6 +270,171 @@ TEST(KeventFault, SteadyTurnsAllocateNothing) {
     countdown = 0;
 }
 
+/// How often epoll is asked while nothing comes, and no descriptor is to be had.
+int waitsInSilence(const Queue& queue) {
+    rlimit limit{};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{1, limit.rlim_max};  // with 0 poll(2) would fail, too
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    waits = 0;
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    return waits;
+}
+
+/// A wait that goes to sleep once, or twice if it woke too early for the time-out.
+constexpr int kFewWaits = 3;
+
+class KeventDelivered : public testing::TestWithParam<unsigned> {};
+
+INSTANTIATE_TEST_SUITE_P(Flags, KeventDelivered, testing::Values(EV_ONESHOT, EV_DISPATCH),
+                         [](const auto& one) { return one.param == EV_ONESHOT ? "OneShot" : "Dispatch"; });
+
+TEST_P(KeventDelivered, KnoteIsNotWatchedAnyMore) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm | GetParam())),
+              0);
+    EXPECT_EQ(queue.collect().size(), 1U);
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST_P(KeventDelivered, KnoteBesideAnotherIsNotWatchedAnyMore) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    fill(pair.reader.get());
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm)), 0);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm | GetParam())), 0);
+    EXPECT_EQ(queue.collect().size(), 1U);
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST_P(KeventDelivered, KnoteOfAFileIsNotWatchedAnyMore) {
+    const Queue queue;
+    const Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const auto fd = static_cast<uint64_t>(null.get());
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm | GetParam())), 0);
+    EXPECT_EQ(queue.collect().size(), 1U);
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST(KeventFault, StaleEntryIsReportedToNobodyAndWatchedNoMore) {
+    const Queue queue;
+    Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm)), 0);
+    const Fd copy(dup(pair.reader.get()));
+    pair.reader.reset();
+    writeAll(pair.writer.get(), "to the copy");
+    EXPECT_TRUE(queue.collect().empty());
+    EXPECT_TRUE(queue.collect().empty());
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST(KeventFault, StaleEntryThatAChangeMetIsWatchedNoMore) {
+    const Queue queue;
+    Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    const Fd copy(dup(pair.reader.get()));
+    pair.reader.reset();
+    EXPECT_EQ(queue.apply(change(fd, EVFILT_READ, EV_DELETE)), ENOENT);
+    writeAll(pair.writer.get(), "to the copy");
+    EXPECT_TRUE(queue.collect(1).empty());
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST(KeventFault, StaleEntryThatAChangeMetDoesNotFillAShortList) {
+    const Queue queue;
+    Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    const Fd copy(dup(pair.reader.get()));
+    pair.reader.reset();
+    EXPECT_EQ(queue.apply(change(fd, EVFILT_READ, EV_DELETE)), ENOENT);
+    writeAll(pair.writer.get(), "to the copy");
+    EXPECT_TRUE(queue.collect(0, 1).empty());
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST(KeventFault, PollDoesNotSleep) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm)), 0);
+    slept = false;
+    EXPECT_TRUE(queue.collect(0).empty());
+    EXPECT_FALSE(slept);
+    EXPECT_TRUE(queue.collect(1).empty());
+    EXPECT_TRUE(slept);
+}
+
+TEST(KeventFault, LevelIsLeftToEpollOnceTheEdgeBesideItIsDeleted) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(queue.collect().size(), 2U);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, EV_DELETE)), 0);
+    EXPECT_EQ(queue.collect().size(), 1U);
+    EXPECT_EQ(readSome(pair.reader.get()), "x");
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST(KeventFault, SocketThatWasNeverConnectedIsLookedAtNowAndThen) {
+    const Queue queue;
+    const Fd fresh(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(fresh.get()), EVFILT_WRITE, kArm)), 0);
+    const int64_t begin = nowMs();
+    const int seen = waitsInSilence(queue);
+    EXPECT_LE(seen, 4 + (nowMs() - begin) / 2) << "every 10 ms, not without end";
+}
+
+TEST(KeventFault, FilesThatAreGoneAreNotLookedForAnyMore) {
+    const Queue queue;
+    for (int i = 0; i < 2; ++i) {
+        const Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+        const auto fd = static_cast<uint64_t>(null.get());
+        ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+        EXPECT_EQ(queue.collect().size(), 1U);
+        // The second one goes by its close(2) alone.
+        if (i == 0) {
+            ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, EV_DELETE)), 0);
+        }
+    }
+    EXPECT_TRUE(queue.collect().empty());
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+/// An edge beside a level: once the level has passed, only epoll is waited for.
+TEST(KeventFault, LevelThatPassedBesideAnEdgeIsNotLookedForAnyMore) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(queue.collect().size(), 2U);
+    EXPECT_EQ(queue.collect().size(), 1U);
+    EXPECT_EQ(readSome(pair.reader.get()), "x");
+    EXPECT_TRUE(queue.collect().empty());
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST(KeventFault, LevelSocketWithNothingToTellIsWaitedForInEpoll) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(queue.collect().size(), 1U);
+    EXPECT_EQ(queue.collect().size(), 1U);
+    EXPECT_EQ(readSome(pair.reader.get()), "x");
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
 TEST(KeventFault, StaleEntryWithoutADescriptorForTheNewInstanceIsSilentStill) {
     const Queue queue;
     Pair pair = unixPair();
@@ -273,6 +450,17 @@ TEST(KeventFault, StaleEntryWithoutADescriptorForTheNewInstanceIsSilentStill) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_TRUE(events.empty());
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+}
+
+TEST(KeventFault, WaitThatASignalEndedIsNotBegunAgain) {
+    const Queue queue;
+    struct kevent event;
+    for (const timespec limit : {timespec{0, 30'000'000}, timespec{0, 30'000'001}}) {
+        interrupts = true;
+        EXPECT_EQ(kevent(queue.fd(), nullptr, 0, &event, 1, &limit), -1);
+        EXPECT_EQ(errno, EINTR);
+        EXPECT_FALSE(interrupts);
+    }
 }
 
 /// How a change ends when the kernel refuses one operation.

@@ -195,6 +195,17 @@ TEST(KeventFlags, LevelReadBesideClearWrite) {
     EXPECT_EQ(queue.nextOf(EVFILT_READ).data, 2);
 }
 
+TEST(KeventFlags, EdgeBesideALevelIsToldOnce) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = ident(pair.reader);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(queue.collect().size(), 2U);
+    for (int i = 0; i < 3; ++i) EXPECT_THAT(queue.collect(), testing::ElementsAre(IsEvent(fd, EVFILT_WRITE)));
+}
+
 TEST(KeventFlags, DeletedKnoteHasNoEventLeft) {
     const Queue queue;
     const Pair pair = unixPair();
@@ -262,6 +273,22 @@ TEST(KeventFlags, OneSlotServesBothFiltersOfOneEntryInTurn) {
     }
     EXPECT_EQ(seen[EVFILT_READ], 3);
     EXPECT_EQ(seen[EVFILT_WRITE], 3);
+}
+
+TEST(KeventFlags, ReadComesBeforeWriteUnlessWriteWasLeftOut) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = ident(pair.reader);
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm)), 0);
+    const auto read = IsEvent(fd, EVFILT_READ);
+    const auto write = IsEvent(fd, EVFILT_WRITE);
+    EXPECT_THAT(queue.collect(), testing::ElementsAre(read, write));
+    EXPECT_THAT(queue.collect(), testing::ElementsAre(read, write));
+    EXPECT_THAT(queue.collect(0, 1), testing::ElementsAre(read));
+    EXPECT_THAT(queue.collect(), testing::ElementsAre(write, read));
+    EXPECT_THAT(queue.collect(), testing::ElementsAre(read, write));
 }
 
 TEST(KeventFlags, OneSlotLosesNoEdge) {

@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <ostream>
 #include <sstream>
+#include <utility>
 
 namespace keventtest {
 
@@ -196,7 +197,8 @@ std::vector<int> eventfds() {
     return found;
 }
 
-Waiter::Waiter(const Queue& queue) : thread_([this, fd = queue.fd()] { run(fd); }) {
+Waiter::Waiter(const Queue& queue, std::vector<struct kevent> changes)
+    : changes_(std::move(changes)), thread_([this, fd = queue.fd()] { run(fd); }) {
     const int64_t limit = nowMs() + kLimitMs;
     while ((tid_ == 0 || threadState(tid_) != 'S') && nowMs() < limit) std::this_thread::yield();
 }
@@ -211,9 +213,16 @@ struct kevent Waiter::finish() {
     return event_;
 }
 
+int Waiter::failure() {
+    thread_.join();
+    EXPECT_EQ(result_, -1);
+    return error_;
+}
+
 void Waiter::run(int fd) {
     tid_ = gettid();
-    result_ = kevent(fd, nullptr, 0, &event_, 1, nullptr);
+    result_ = kevent(fd, changes_.data(), static_cast<int>(changes_.size()), &event_, 1, nullptr);
+    error_ = errno;
 }
 
 void raiseDescriptorLimit() {

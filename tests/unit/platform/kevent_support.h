@@ -122,8 +122,8 @@ std::vector<int> eventfds();
 /// A thread in kevent() without a time-out.
 class Waiter {
   public:
-    /// Returns when the thread sleeps.
-    explicit Waiter(const Queue& queue);
+    /// Returns when the thread sleeps. The changes are applied in the thread's call.
+    explicit Waiter(const Queue& queue, std::vector<struct kevent> changes = {});
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
     ~Waiter();
@@ -131,12 +131,17 @@ class Waiter {
     /// The event that ended the wait.
     struct kevent finish();
 
+    /// The errno of a wait that failed.
+    int failure();
+
   private:
     void run(int fd);
 
+    const std::vector<struct kevent> changes_;
     std::atomic<pid_t> tid_{0};
     struct kevent event_ {};
     int result_ = 0;
+    int error_ = 0;
     std::thread thread_;  // last: it uses the others
 };
 

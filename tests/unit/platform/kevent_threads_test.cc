@@ -111,6 +111,32 @@ TEST(KeventThreads, EveryWaiterSurvivesTheExchangeOfTheInstance) {
     EXPECT_EQ(first.finish().ident + second.finish().ident, 15U);
 }
 
+TEST(KeventThreads, NumberThatIsClosedDuringTheWaitIsSilent) {
+    const Queue queue;
+    Pair pair = unixPair();
+    Waiter waiter(queue, {change(ident(pair.reader), EVFILT_READ, kArm)});
+    const Fd copy(dup(pair.reader.get()));
+    pair.reader.reset();
+    writeAll(pair.writer.get(), "to the copy");
+    ASSERT_EQ(queue.apply(change(7, EVFILT_TIMER, kArm, kSilenceMs)), 0);
+    EXPECT_THAT(waiter.finish(), IsEvent(7, EVFILT_TIMER));
+}
+
+TEST(KeventThreads, WaiterOfAClosedQueueHasNoPartInTheNextUnderItsNumber) {
+    Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    Waiter waiter(queue);
+    const int number = queue.fd();
+    queue.close();
+    const Queue next;
+    ASSERT_EQ(next.fd(), number);
+    ASSERT_EQ(next.apply(change(1, EVFILT_TIMER, kArm, 0)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(waiter.failure(), EBADF);
+    EXPECT_THAT(next.next(), IsEvent(1, EVFILT_TIMER));
+}
+
 TEST(KeventThreads, WakeUpsShareOneDescriptor) {
     const Queue queue;
     Waiter waiter(queue);

@@ -134,6 +134,19 @@ TEST_F(KeventTick, AFileThatCannotTickIsNotReadFrom) {
     EXPECT_EQ(lseek(fd.get(), 0, SEEK_CUR), 0);
 }
 
+TEST_F(KeventTick, AQueueWithoutOneReadsNothing) {
+    const Fd input(dup(0));
+    const Pair other = pipePair();
+    ASSERT_EQ(dup2(other.reader.get(), 0), 0);
+    writeAll(other.writer.get(), "01234567");
+    makeBusy();
+    EXPECT_TRUE(queue.collect(1).empty());
+    ASSERT_EQ(dup2(input.get(), 0), 0);
+    int left = 0;
+    ASSERT_EQ(ioctl(other.reader.get(), FIONREAD, &left), 0);
+    EXPECT_EQ(left, 8);
+}
+
 TEST_F(KeventTick, TheNextQueueUnderTheNumberHasNone) {
     const Pair other = pipePair();
     keventTick(queue.fd(), ticker.get(), 5'000'000);
