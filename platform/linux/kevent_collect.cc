@@ -341,18 +341,14 @@ void takePolled(Collector& c) {
 }
 
 /// WRITE knotes that this call's changes armed. epoll has just been asked: had the connection ended, it would
-/// have said so of the entry's READ filter.
+/// have said so of the entry's READ filter. Those without room are told to epoll before the next wait.
 void takeWritable(Collector& c) {
     for (Entry* entry = c.queue.knotes.writable.first; entry != nullptr && !c.full();) {
         Entry* next = entry->writable.next;
         const bool known = c.queue.uncounted || entry->seen == c.queue.call || !c.unread;
         if (known && entry->write.reported != c.queue.call) {
             const Readiness room = c.queue.uncounted ? kUncounted : roomInSocket(*entry);
-            if (room.active) {
-                emit(c, *entry, entry->write, EVFILT_WRITE, room);
-            } else {
-                handToEpoll(c.queue, *entry);
-            }
+            if (room.active) emit(c, *entry, entry->write, EVFILT_WRITE, room);
         }
         entry = next;
     }

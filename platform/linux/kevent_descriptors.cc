@@ -113,7 +113,6 @@ int sync(Kqueue& queue, Entry& entry) {
 /// The knote after a change: an existing one keeps the flags of its first EV_ADD.
 void merge(Knote& knote, const struct kevent& change) {
     if (!knote.present) {
-        knote = Knote{};
         knote.present = true;
         knote.enabled = true;
         knote.flags = change.flags;
@@ -251,15 +250,13 @@ int changeDescriptor(Kqueue& queue, const struct kevent& change, bool userSpace)
     return adds ? addEntry(queue, fd, change) : ENOENT;
 }
 
-void handToEpoll(Kqueue& queue, Entry& entry) {
-    setWritable(queue.knotes, entry, false);
-    if (modify(queue, entry) == kGone) resetEntry(queue.knotes, entry);
-}
-
 void handToEpoll(Kqueue& queue, bool keepNew) {
     for (Entry* entry = queue.knotes.writable.first; entry != nullptr;) {
         Entry* next = entry->writable.next;
-        if (!keepNew || entry->armed != queue.call) handToEpoll(queue, *entry);
+        if (!keepNew || entry->armed != queue.call) {
+            setWritable(queue.knotes, *entry, false);
+            if (modify(queue, *entry) == kGone) resetEntry(queue.knotes, *entry);
+        }
         entry = next;
     }
 }
@@ -336,7 +333,10 @@ bool rebuild(Kqueue& queue) {
 }
 
 void wakeWaiter(Kqueue& queue) {
-    if (queue.waiters > 0) wakeOne(queue.fd);
+    if (queue.waiters == 0) return;
+    // A closed number that the waking descriptor has taken would look as if it were registered still.
+    Entry* entry = findEntry(queue.knotes, wakeOne(queue.fd));
+    if (entry != nullptr && isLive(*entry)) resetEntry(queue.knotes, *entry);
 }
 
 }  // namespace rvkevent

@@ -19,7 +19,6 @@ int changeDescriptor(Kqueue& queue, const struct kevent& change, bool userSpace)
 
 /// Tells epoll of all WRITE knotes that only user space knows, but for those of this call if keepNew.
 void handToEpoll(Kqueue& queue, bool keepNew);
-void handToEpoll(Kqueue& queue, Entry& entry);
 
 /// True if the entry's number is still the registered file. If it is not, the entry's knotes are gone when
 /// this returns.

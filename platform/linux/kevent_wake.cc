@@ -25,29 +25,30 @@ int makeWakeFd(int stale) {
     return stale;
 }
 
-void arm(int epoll, uint32_t events) {
+int arm(int epoll, uint32_t events) {
     int fd = wakeFd.load();
     for (int tries = 0; tries < 2; ++tries) {
         if (fd == -1) fd = makeWakeFd(fd);
-        if (fd == -1) return;
+        if (fd == -1) return -1;
         epoll_event event{};
         event.events = events;
         event.data.u64 = kWakeTag;
-        if (epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &event) == 0) return;
-        if (errno == ENOENT && epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0) return;
-        if (errno == ENOMEM || errno == ENOSPC) return;
+        if (epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &event) == 0) return fd;
+        if (errno == ENOENT && epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0) return fd;
+        if (errno == ENOMEM || errno == ENOSPC) return -1;
         fd = makeWakeFd(fd);  // somebody closed it, with all descriptors perhaps
     }
+    return -1;
 }
 
 }  // namespace
 
-void wakeOne(int epoll) {
-    arm(epoll, EPOLLIN | EPOLLONESHOT);
+int wakeOne(int epoll) {
+    return arm(epoll, EPOLLIN | EPOLLONESHOT);
 }
 
 void wakeAll(int epoll) {
-    arm(epoll, EPOLLIN);
+    (void)arm(epoll, EPOLLIN);
 }
 
 }  // namespace rvkevent

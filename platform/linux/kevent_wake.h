@@ -10,8 +10,9 @@ namespace rvkevent {
 /// epoll_event.data of the waking descriptor.
 inline constexpr uint64_t kWakeTag = UINT64_MAX;
 
-/// Makes one wait on this epoll instance return, the present one or the next.
-void wakeOne(int epoll);
+/// Makes one wait on this epoll instance return, the present one or the next. Returns the number of the
+/// waking descriptor, or -1 if there is none.
+int wakeOne(int epoll);
 
 /// Makes every wait on this epoll instance return from now on.
 void wakeAll(int epoll);

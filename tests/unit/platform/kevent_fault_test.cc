@@ -384,6 +384,27 @@ TEST(KeventFault, LevelIsLeftToEpollOnceTheEdgeBesideItIsDeleted) {
     EXPECT_LE(waitsInSilence(queue), kFewWaits);
 }
 
+TEST(KeventFault, NewFileUnderANumberThatAChangeMetIsNotWatched) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const Pair other = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    ASSERT_EQ(dup2(other.reader.get(), pair.reader.get()), pair.reader.get());
+    writeAll(other.writer.get(), "x");
+    EXPECT_EQ(queue.apply(change(fd, EVFILT_READ, EV_ENABLE)), ENOENT);
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
+TEST(KeventFault, DisabledKnoteOfADeadSocketIsNotWatched) {
+    const Queue queue;
+    Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, EV_ADD | EV_DISABLE)), 0);
+    pair.writer.reset();
+    EXPECT_LE(waitsInSilence(queue), kFewWaits + 1);
+}
+
 TEST(KeventFault, SocketThatWasNeverConnectedIsLookedAtNowAndThen) {
     const Queue queue;
     const Fd fresh(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -446,9 +467,14 @@ TEST(KeventFault, StaleEntryWithoutADescriptorForTheNewInstanceIsSilentStill) {
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit none{0, limit.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    waits = 0;
+    const int64_t begin = nowMs();
     const auto events = queue.collect(kSilenceMs);
+    const int64_t took = nowMs() - begin;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_TRUE(events.empty());
+    EXPECT_LE(waits, 2 * took + kFewWaits) << "it pauses before it tries again";
+    EXPECT_LT(took, 900) << "for a millisecond";
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
 }
 
@@ -511,6 +537,18 @@ TEST(KeventFault, WakeUpThatTheKernelRefusesLeavesNoDescriptorBehind) {
     EXPECT_LE(eventfds().size(), before + 1);
     ASSERT_EQ(queue.apply(change(4, EVFILT_TIMER, kArm, 0)), 0);
     EXPECT_THAT(waiter.finish(), IsEvent(4, EVFILT_TIMER));
+}
+
+TEST(KeventFault, AnAddThatTheKernelRefusesLeavesTheKnote) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm, 0, 0, 1)), 0);
+    for (const int error : {ENOMEM, ENOSPC}) {
+        EXPECT_GT(applyRefused(queue, change(fd, EVFILT_READ, kArm, 0, 0, 2), EPOLL_CTL_ADD, error), 0);
+        EXPECT_EQ(queue.next().udata, markAddress(1));
+    }
 }
 
 /// epoll_pwait2(2) is there since Linux 5.11.

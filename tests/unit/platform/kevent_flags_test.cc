@@ -195,6 +195,20 @@ TEST(KeventFlags, LevelReadBesideClearWrite) {
     EXPECT_EQ(queue.nextOf(EVFILT_READ).data, 2);
 }
 
+TEST(KeventFlags, ClearOnARegularFileFiresAgainWhenItIsAddedAgain) {
+    const Queue queue;
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    const auto fd = static_cast<uint64_t>(fileno(file));
+    const auto write = change(fd, EVFILT_WRITE, kArm | EV_CLEAR);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(queue.apply(write), 0);
+        EXPECT_EQ(queue.collect().size(), 1U);
+        EXPECT_TRUE(queue.collect().empty());
+    }
+    (void)fclose(file);
+}
+
 TEST(KeventFlags, EdgeBesideALevelIsToldOnce) {
     const Queue queue;
     const Pair pair = unixPair();

@@ -173,6 +173,18 @@ TEST(KeventReceipts, DisableOverrulesEnable) {
     EXPECT_TRUE(queue.collect().empty());
 }
 
+TEST(KeventReceipts, SameChangeTwiceInOneListIsNoFailure) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    writeAll(pair.writer.get(), "x");
+    const auto first = change(fd, EVFILT_READ, kArm, 0, 0, 1);
+    const auto second = change(fd, EVFILT_READ, kArm, 0, 0, 2);
+    const auto events = queue.collect(kLimitMs, 8, {first, second, second});
+    ASSERT_THAT(events, testing::ElementsAre(IsEvent(fd, EVFILT_READ)));
+    EXPECT_EQ(events[0].udata, markAddress(2));
+}
+
 TEST(KeventReceipts, ChangesOfOneCallApplyInOrder) {
     const Queue queue;
     const Pair pair = unixPair();

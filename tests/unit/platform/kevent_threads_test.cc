@@ -122,6 +122,20 @@ TEST(KeventThreads, NumberThatIsClosedDuringTheWaitIsSilent) {
     EXPECT_THAT(waiter.finish(), IsEvent(7, EVFILT_TIMER));
 }
 
+TEST(KeventThreads, ClosedNumberThatTheWakeUpTakesIsSilent) {
+    for (const int fd : eventfds()) ASSERT_EQ(close(fd), 0);
+    const Queue queue;
+    Pair pair = unixPair();
+    const int number = pair.reader.get();
+    Waiter waiter(queue, {change(ident(pair.reader), EVFILT_READ, kArm)});
+    const Fd copy(dup(number));
+    pair.reader.reset();
+    ASSERT_EQ(queue.apply(change(7, EVFILT_TIMER, kArm, kSilenceMs)), 0);
+    ASSERT_THAT(eventfds(), testing::ElementsAre(number));
+    writeAll(pair.writer.get(), "to the copy");
+    EXPECT_THAT(waiter.finish(), IsEvent(7, EVFILT_TIMER));
+}
+
 TEST(KeventThreads, WaiterOfAClosedQueueHasNoPartInTheNextUnderItsNumber) {
     Queue queue;
     const Pair pair = unixPair();
@@ -135,6 +149,17 @@ TEST(KeventThreads, WaiterOfAClosedQueueHasNoPartInTheNextUnderItsNumber) {
     writeAll(pair.writer.get(), "x");
     EXPECT_EQ(waiter.failure(), EBADF);
     EXPECT_THAT(next.next(), IsEvent(1, EVFILT_TIMER));
+}
+
+TEST(KeventThreads, RegularFileThatGrowsEndsTheWait) {
+    const Queue queue;
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    const auto fd = static_cast<uint64_t>(fileno(file));
+    Waiter waiter(queue, {change(fd, EVFILT_READ, kArm)});
+    ASSERT_EQ(pwrite(fileno(file), "abc", 3, 0), 3);
+    EXPECT_EQ(waiter.finish().data, 3);
+    (void)fclose(file);
 }
 
 TEST(KeventThreads, WakeUpsShareOneDescriptor) {

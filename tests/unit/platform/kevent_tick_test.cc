@@ -5,7 +5,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
+#include <thread>
 
 #include "kevent_support.h"
 
@@ -73,6 +75,21 @@ TEST_F(KeventTick, LeavesWaitsOfAnotherLengthAlone) {
     const int64_t begin = nowMs();
     EXPECT_TRUE(queue.collect(50).empty());
     EXPECT_GE(nowMs() - begin, 49);
+}
+
+TEST_F(KeventTick, DoesNotLengthenWaitsOfAnotherLength) {
+    keventTick(queue.fd(), ticker.get(), kPeriodNs);
+    tick();
+    makeBusy();
+    const int64_t begin = nowMs();
+    std::atomic<bool> done{false};
+    std::thread ticking([&] {
+        while (!done && nowMs() < begin + kLimitMs) tick();
+    });
+    EXPECT_TRUE(queue.collect(20).empty());
+    done = true;
+    ticking.join();
+    EXPECT_LT(nowMs(), begin + kLimitMs);
 }
 
 TEST_F(KeventTick, IsNotWaitedForByAQueueThatIsNotBusy) {

@@ -172,6 +172,13 @@ TEST(KeventTimers, CountsWholePeriodsWithoutDrift) {
     }
 }
 
+/// Whichever source of events comes first, and though the timer is due again at once.
+TEST(KeventTimers, ComesOnceInACall) {
+    const Queue queue;
+    ASSERT_EQ(queue.apply(timer(1, kArm, 1, NOTE_NSECONDS)), 0);
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(queue.collect().size(), 1U);
+}
+
 TEST(KeventTimers, AddRestartsFromNowAndDropsWhatIsDue) {
     const Queue queue;
     ASSERT_EQ(queue.apply(timer(1, kArm, 1)), 0);
