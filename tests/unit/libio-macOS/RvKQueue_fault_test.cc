@@ -169,6 +169,37 @@ TEST_F(RvKQueueThreadFault, WithoutALaterSnapshotTheThreadEnds) {
     for (const auto& probe : probes) EXPECT_EQ(1, probe->stops);
 }
 
+// Nobody else holds the loop, so that it goes away on its own thread.
+TEST_F(RvKQueueThreadFault, ALoopThatEndsAloneIsNotCurrentWhenItsEndpointsGo) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    std::vector<std::shared_ptr<ProbeEndpoint>> probes;
+    for (int i = 0; i < 100; ++i) probes.push_back(std::make_shared<ProbeEndpoint>());
+    std::atomic<bool> isGone{false};
+    std::atomic<bool> wasCurrent{false};
+    std::shared_ptr<int> captured(new int(0), [&](const int* number) {
+        wasCurrent = RvKQueue::current() != nullptr;
+        isGone = true;
+        delete number;
+    });
+    loop->startObject(loop->createStreamSocket(pair[0], false),
+                      [&probes, captured](RvKQueueEventProtocol*, const char*, std::uint64_t, std::uint64_t*,
+                                          std::int32_t event) {
+                          if (event != kEventData) return true;
+                          for (const auto& probe : probes) (*RvKQueue::current())->addActiveObject(probe);
+                          faults::failHere(Kind::kNew, 1);  // the next snapshot's
+                          return true;
+                      });
+    captured.reset();
+    loop->start();
+    loop.reset();
+    writeAll(pair[1], "x");
+    EXPECT_TRUE(waitUntil([&] { return isGone.load(); }));
+    EXPECT_FALSE(wasCurrent);
+    EXPECT_EQ(std::vector<std::string>{"copying active list error"}, loggedErrors());
+    EXPECT_TRUE(waitUntil([&] { return probes[0].use_count() == 1; }));
+    for (const auto& probe : probes) EXPECT_EQ(0, probe->stops);
+}
+
 TEST_F(RvKQueueRegistryFault, ANullEndpointIsReportedOrIgnored) {
     loop->addActiveObject(nullptr);
     EXPECT_EQ(1U, loggedErrors().size());
