@@ -103,13 +103,15 @@ int64_t roomOfUnix(const SocketMemory& memory) {
     return room < 1 ? 1 : room;
 }
 
+/// The system's limit of unsent bytes, or UINT32_MAX for none.
 int64_t systemNotSentLowat() {
     const int fd = open("/proc/sys/net/ipv4/tcp_notsent_lowat", O_RDONLY | O_CLOEXEC);
     if (fd == -1) return UINT32_MAX;
     char text[16] = {};
     const ssize_t n = read(fd, text, sizeof text - 1);
     (void)close(fd);  // it was only read
-    return n > 0 ? strtoll(text, nullptr, 10) : UINT32_MAX;
+    const int64_t limit = n > 0 ? strtoll(text, nullptr, 10) : 0;
+    return limit == 0 ? UINT32_MAX : limit;
 }
 
 /// The socket's limit of unsent bytes, or UINT32_MAX for none. The system's default is read once: it concerns
@@ -126,7 +128,7 @@ int64_t notSentLowat(int fd) {
         limit = systemNotSentLowat();
         __atomic_store_n(&systemDefault, limit, __ATOMIC_RELAXED);
     }
-    return limit == 0 ? UINT32_MAX : limit;
+    return limit;
 }
 
 /// A new segment is started only while less than the send buffer is in use; each costs up to 2 KiB beside its

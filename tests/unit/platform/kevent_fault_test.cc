@@ -2,6 +2,7 @@
 /// And the queue with a kernel that refuses its watches, or that does not know the newer of its calls.
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,8 +11,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <functional>
+#include <ostream>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -28,6 +32,9 @@ bool oldKernel = false;
 bool interrupts = false;  // the next wait
 int refusals = 0;         // of the old kernel
 int atForkError = 0;
+int unsentLimit = -1;            // stands for the file of the system's limit
+int opened = 0;                  // how often it was asked for
+std::atomic<int> blocks{0};      // of memory that are in use
 std::atomic<int> waits{0};       // how often epoll was asked
 std::atomic<bool> slept{false};  // in one of them
 
@@ -59,10 +66,30 @@ int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)()) 
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-    return fails() ? nullptr : __real_calloc(count, size);
+    if (fails()) return nullptr;
+    ++blocks;
+    return __real_calloc(count, size);
 }
 void* __wrap_realloc(void* memory, size_t size) {
-    return fails() ? nullptr : __real_realloc(memory, size);
+    if (fails()) return nullptr;
+    if (memory == nullptr) ++blocks;
+    return __real_realloc(memory, size);
+}
+int __real_open(const char* path, int flags, ...);
+int __wrap_open(const char* path, int flags, ...);
+
+int __wrap_open(const char* path, int flags, ...) {
+    if (std::string_view(path) != "/proc/sys/net/ipv4/tcp_notsent_lowat") return __real_open(path, flags);
+    ++opened;
+    return std::exchange(unsentLimit, -1);
+}
+
+void __real_free(void* memory);
+void __wrap_free(void* memory);
+
+void __wrap_free(void* memory) {
+    if (memory != nullptr) --blocks;
+    __real_free(memory);
 }
 
 int __real_epoll_ctl(int epoll, int operation, int fd, epoll_event* event);
@@ -160,6 +187,30 @@ TEST(KeventFault, KqueueWithoutAForkHandlerFails) {
             _exit(failed && dup(0) == before ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
+}
+
+/// The memory of a closed queue goes to the next one under its number, which starts with none of its own.
+TEST(KeventFault, QueuesUnderOneNumberTakeNoMoreMemoryThanOne) {
+    const Pair pair = unixPair();
+    const auto read = change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm);
+    int before = 0;
+    int number = -1;
+    for (int round = 0; round < 3; ++round) {
+        const int kq = kqueue();
+        if (round == 0) number = kq;
+        const int used = blocks;
+        EXPECT_EQ(kq, number);
+        if (round == 1) before = used;
+        if (round == 2) {
+            EXPECT_EQ(used, before);
+        }
+        const Fd owner(kq);
+        EXPECT_EQ(kevent(kq, &read, 1, nullptr, 0, nullptr), 0);
+        for (uint64_t i = 0; i < 300; ++i) {
+            const auto timer = change(i, EVFILT_TIMER, kArm, 1'000);
+            EXPECT_EQ(kevent(kq, &timer, 1, nullptr, 0, nullptr), 0);
+        }
+    }
 }
 
 TEST(KeventFault, NumberThatIsNoQueueAllocatesNothing) {
@@ -549,6 +600,55 @@ TEST(KeventFault, AnAddThatTheKernelRefusesLeavesTheKnote) {
         EXPECT_GT(applyRefused(queue, change(fd, EVFILT_READ, kArm, 0, 0, 2), EPOLL_CTL_ADD, error), 0);
         EXPECT_EQ(queue.next().udata, markAddress(1));
     }
+}
+
+struct UnsentLimit {
+    const char* name;
+    const char* text;
+    int64_t room;  // 0: what there is without a limit
+};
+
+void PrintTo(const UnsentLimit& limit, std::ostream* out) {
+    *out << limit.name;
+}
+
+class KeventUnsentLimit : public testing::TestWithParam<UnsentLimit> {};
+
+INSTANTIATE_TEST_SUITE_P(Texts, KeventUnsentLimit,
+                         testing::Values(UnsentLimit{"Number", "16384\n", 8192}, UnsentLimit{"Digit", "8", 4},
+                                         UnsentLimit{"Longest", "4294967294\n", 0},
+                                         UnsentLimit{"None", "4294967295\n", 0},
+                                         UnsentLimit{"Zero", "0\n", 0}, UnsentLimit{"Empty", "", 0},
+                                         UnsentLimit{"NoFile", nullptr, 0}),
+                         [](const auto& one) { return one.param.name; });
+
+/// 0 if all is well, else what is not.
+int lookAtRoom(const UnsentLimit& limit) {
+    if (limit.text != nullptr) {
+        unsentLimit = memfd_create("limit", MFD_CLOEXEC);
+        if (pwrite(unsentLimit, limit.text, strlen(limit.text), 0) == -1) return 1;
+    }
+    const Queue queue;
+    const Pair pair = tcpPair();
+    (void)queue.apply(change(static_cast<uint64_t>(pair.writer.get()), EVFILT_WRITE, kArm));
+    const int lowest = limit.text != nullptr ? unsentLimit : dup(0);
+    if (limit.text == nullptr) (void)close(lowest);
+    for (int i = 0; i < 2; ++i) {
+        const int64_t room = queue.next().data;
+        if (limit.room == 0 ? room < 16384 : room != limit.room) return 2;
+    }
+    if (opened != 1) return 3;
+    return dup(0) == lowest ? 0 : 4;
+}
+
+/// In a process of its own, since the limit is read once.
+TEST_P(KeventUnsentLimit, OfTheSystemCapsTheRoom) {
+    const pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) _exit(lookAtRoom(GetParam()));
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 /// epoll_pwait2(2) is there since Linux 5.11.

@@ -209,6 +209,21 @@ TEST(KeventFlags, ClearOnARegularFileFiresAgainWhenItIsAddedAgain) {
     (void)fclose(file);
 }
 
+TEST(KeventFlags, OneShotBesideADisabledFilterComesAlone) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = ident(pair.reader);
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, EV_ADD | EV_DISABLE)), 0);
+    for (int i = 0; i < 3; ++i) {
+        const auto read = change(fd, EVFILT_READ, kArm | EV_ONESHOT);
+        const auto timer = change(1, EVFILT_TIMER, kArm | EV_ONESHOT, 0);
+        EXPECT_THAT(queue.collect(0, 8, {read, timer}),
+                    testing::UnorderedElementsAre(IsEvent(fd, EVFILT_READ), IsEvent(1, EVFILT_TIMER)));
+        EXPECT_TRUE(queue.collect().empty());
+    }
+}
+
 TEST(KeventFlags, EdgeBesideALevelIsToldOnce) {
     const Queue queue;
     const Pair pair = unixPair();

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <ostream>
+#include <random>
 #include <set>
 #include <thread>
 #include <utility>
@@ -177,6 +178,46 @@ TEST(KeventTimers, ComesOnceInACall) {
     const Queue queue;
     ASSERT_EQ(queue.apply(timer(1, kArm, 1, NOTE_NSECONDS)), 0);
     for (int i = 0; i < 6; ++i) EXPECT_EQ(queue.collect().size(), 1U);
+}
+
+TEST(KeventTimers, EqualDeadlinesComeInTheOrderOfTheirStart) {
+    const Queue queue;
+    std::vector<struct kevent> changes;
+    for (uint64_t i = 0; i < 40; ++i) changes.push_back(timer(i * 7 % 40, kArm | EV_ONESHOT, 0));
+    const auto events = queue.collect(0, 64, changes);
+    ASSERT_EQ(events.size(), changes.size());
+    for (size_t i = 0; i < events.size(); ++i) EXPECT_EQ(events[i].ident, changes[i].ident);
+}
+
+TEST(KeventTimers, DeletesLeaveTheOthersInTheirOrder) {
+    constexpr uint64_t kTimers = 1'000;
+    const Queue queue;
+    std::vector<struct kevent> adds;
+    std::vector<struct kevent> deletes;
+    std::mt19937 random(5);
+    for (uint64_t i = 0; i < kTimers; ++i) {
+        adds.push_back(
+            timer(i, kArm | EV_ONESHOT, static_cast<int64_t>(random() % 1'000'000), NOTE_NSECONDS));
+        if (i % 3 != 0) deletes.push_back(timer(i, EV_DELETE, 0));
+    }
+    std::shuffle(deletes.begin(), deletes.end(), random);
+    adds.insert(adds.end(), deletes.begin(), deletes.end());
+    ASSERT_EQ(kevent(queue.fd(), adds.data(), static_cast<int>(adds.size()), nullptr, 0, nullptr), 0);
+    passNs(1'000'000);
+    const auto events = queue.collect(0, kTimers);
+    ASSERT_EQ(events.size(), kTimers - deletes.size());
+    for (size_t i = 1; i < events.size(); ++i) {
+        EXPECT_LE(adds[events[i - 1].ident].data, adds[events[i].ident].data);
+    }
+}
+
+TEST(KeventTimers, AddLeavesADisabledTimerDisabled) {
+    const Queue queue;
+    ASSERT_EQ(queue.apply(timer(1, EV_ADD | EV_DISABLE, 0)), 0);
+    ASSERT_EQ(queue.apply(timer(1, EV_ADD, 0)), 0);
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    ASSERT_EQ(queue.apply(timer(1, EV_ENABLE, 0)), 0);
+    EXPECT_EQ(queue.collect().size(), 1U);
 }
 
 TEST(KeventTimers, AddRestartsFromNowAndDropsWhatIsDue) {

@@ -342,8 +342,15 @@ TEST(KeventWrite, RegularFileIsAlwaysWritable) {
     const Fd fd(dup(fileno(file)));
     (void)fclose(file);
     ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_WRITE, kArm)), 0);
-    EXPECT_GE(queue.next().data, 1);
-    EXPECT_GE(queue.next().data, 1);
+    EXPECT_EQ(queue.next().data, 65'536);
+    EXPECT_EQ(queue.next().data, 65'536);
+}
+
+TEST(KeventWrite, DeviceThatCannotBeWaitedForTakesAByte) {
+    const Queue queue;
+    const Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(queue.apply(change(ident(null), EVFILT_WRITE, kArm)), 0);
+    EXPECT_EQ(queue.next().data, 1);
 }
 
 TEST(KeventWrite, UnsentLimitCapsTheRoom) {
