@@ -243,6 +243,14 @@ TEST_F(RuleEdit, EditorKilledByASignal) {
     expectGivenUp(converse(edit(editor("kill -9 $$"), "n"), fetch()), kTwoRulesText, kEditorTrouble);
 }
 
+// A parent may leave SIGCHLD ignored. The tool learns that the editor has ended, but not how.
+TEST_F(RuleEdit, EditorWithoutAStatus) {
+    Command command = edit(editor("echo block > $1"));
+    command.words.insert(command.words.begin(), {"--ignore-signal=CHLD", command.path});
+    command.path = "/usr/bin/env";
+    expectGivenUp(converse(command, fetch()), "block\n", "", "Cannot get status of editor process\n");
+}
+
 // One character per question; everything but "n" tries again, and the rest of the line answers the next
 // question.
 TEST_F(RuleEdit, EveryCharacterButNTriesAgain) {

@@ -27,20 +27,16 @@ void setDisposition(int signal, void (*handler)(int), struct sigaction* previous
 /// What the editor's time changes in this process, and how it was before.
 ///
 /// SIGTSTP is ignored so that this process is suspended at one place only, where it has seen that the editor
-/// is. SIGCHLD has its default effect so that the editor can be waited for even if our parent left it
-/// ignored.
+/// is. SIGCHLD stays as our parent left it: where that is ignored, the editor cannot be waited for, and that
+/// is an error that has a message.
 class EditorSignals {
   public:
     EditorSignals() noexcept {
         setDisposition(SIGINT, SIG_IGN, &interrupt_);
         setDisposition(SIGQUIT, SIG_IGN, &quit_);
         setDisposition(SIGTSTP, SIG_IGN, &suspend_);
-        setDisposition(SIGCHLD, SIG_DFL, &child_);
     }
-    ~EditorSignals() {
-        restoreKeys();
-        (void)::sigaction(SIGCHLD, &child_, nullptr);
-    }
+    ~EditorSignals() { restoreKeys(); }
     EditorSignals(const EditorSignals&) = delete;
     EditorSignals& operator=(const EditorSignals&) = delete;
 
@@ -48,6 +44,7 @@ class EditorSignals {
     void prepareChild() const noexcept {
         restoreKeys();
         setDisposition(SIGPIPE, SIG_DFL, nullptr);
+        setDisposition(SIGCHLD, SIG_DFL, nullptr);
         sigset_t none;
         (void)::sigemptyset(&none);
         (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -63,7 +60,6 @@ class EditorSignals {
     struct sigaction interrupt_ = {};
     struct sigaction quit_ = {};
     struct sigaction suspend_ = {};
-    struct sigaction child_ = {};
 };
 
 /// The terminal's modes before the editor changed them. Without a terminal it does nothing.

@@ -300,17 +300,16 @@ TEST_F(RunEditor, EditorInheritsNothingFromTheTool) {
     EXPECT_EQ(contentOf("/tmp/rule-editor-test/files"), expected);
 }
 
-TEST_F(RunEditor, ParentThatIgnoresItsChildrenMakesNoDifference) {
-    addEditor("fail", "exit 3");
-    cli::Command command = sessionWith("run", "fail");
+// waitpid(2) knows no status of a child whose parent ignores SIGCHLD, but it waits for the end.
+TEST_F(RunEditor, ProcessCannotBeWaitedForWhileItsSignalIsIgnored) {
+    addEditor("saves", "grep SigIgn /proc/self/status > /tmp/rule-editor-test/signals");
+    cli::Command command = sessionWith("run", "saves");
     command.path = "/usr/bin/env";
     command.words = {"--ignore-signal=CHLD", RV_SESSION_PATH, "run", kRulesPath};
-    command.input = cli::Input::kText;
-    command.outputToTerminal = false;
-    command.text = "n";
     const cli::Result result = cli::run(command);
-    EXPECT_EQ(result.out, std::string(kRetry) + "run: false\n");
-    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.terminal, "run: false\r\n");
+    EXPECT_EQ(result.err, "Cannot get status of editor process\n");
+    EXPECT_EQ(signalMask(contentOf("/tmp/rule-editor-test/signals"), "SigIgn"), 0U);
 }
 
 TEST_F(RunEditor, NoProcessIsAnError) {

@@ -89,8 +89,6 @@ void ask(const char* prompt) {
     std::printf(" rest: %s", std::fgets(rest, sizeof rest, stdin) != nullptr ? rest : "none\n");
 }
 
-void (*childHandler)(int) = SIG_DFL;  // our parent may have left the signal ignored
-
 void (*handlerOf(int signal))(int) {
     struct sigaction now = {};
     return ::sigaction(signal, nullptr, &now) == 0 ? now.sa_handler : SIG_ERR;
@@ -98,8 +96,8 @@ void (*handlerOf(int signal))(int) {
 
 /// What ends the tool, or stops it, must still do so after an editor has run.
 void checkDispositions() {
-    for (const int signal : {SIGINT, SIGQUIT, SIGTSTP, SIGCHLD}) {
-        if (handlerOf(signal) != (signal == SIGCHLD ? childHandler : SIG_DFL)) {
+    for (const int signal : {SIGINT, SIGQUIT, SIGTSTP}) {
+        if (handlerOf(signal) != SIG_DFL) {
             std::printf("signal %d is not as it was\n", signal);
         }
     }
@@ -149,7 +147,6 @@ int main(int argc, char** argv) {
         return 2;
     }
     (void)std::signal(SIGPIPE, SIG_IGN);
-    childHandler = handlerOf(SIGCHLD);
     if (std::getenv("RV_INTERRUPT_READ") != nullptr) {
         catchInterruption();
         blockInterruption(SIG_BLOCK);  // the thread alone takes it
