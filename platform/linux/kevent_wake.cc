@@ -3,6 +3,7 @@
 #include "platform/linux/kevent_wake.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -15,8 +16,8 @@ namespace {
 
 std::atomic<int> wakeFd{-1};
 
-/// Makes the descriptor if it is not there. Nothing can be done if that fails, or if epoll has no room for
-/// it: waiting threads then see the news when their time-out ends.
+/// Makes the descriptor if it is not there. Nothing can be done if that fails, or if epoll does not take it:
+/// waiting threads then see the news when their time-out ends.
 int makeWakeFd(int stale) {
     const int made = eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK);
     if (made == -1) return -1;
@@ -35,7 +36,8 @@ int arm(int epoll, uint32_t events) {
         event.data.u64 = kWakeTag;
         if (epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &event) == 0) return fd;
         if (errno == ENOENT && epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0) return fd;
-        if (errno == ENOMEM || errno == ENOSPC) return -1;
+        const bool lost = errno == EPERM || fcntl(fd, F_GETFD) == -1;
+        if (!lost) return -1;
         fd = makeWakeFd(fd);  // somebody closed it, with all descriptors perhaps
     }
     return -1;

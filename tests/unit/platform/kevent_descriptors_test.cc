@@ -210,7 +210,9 @@ TEST_P(KeventHeldFile, CloseEndsTheKnotesOfAKnownConnection) {
     EXPECT_EQ(queue.next().data, 1);
     EXPECT_EQ(queue.next().data, 1);
     const Held held(GetParam(), pair.reader);
-    pair.reader.reset();
+    const Pair other = unixPair();
+    writeAll(other.writer.get(), "of another file");
+    ASSERT_EQ(dup2(other.reader.get(), pair.reader.get()), pair.reader.get());
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
 }
 
@@ -242,7 +244,9 @@ TEST_P(KeventHeldFile, CloseEndsTheKnotesOfAPipeInAQueueThatLeavesSocketsUncount
     ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
     EXPECT_EQ(queue.next().data, 1);
     const Held held(GetParam(), pair.reader);
-    pair.reader.reset();
+    const Pair other = pipePair();
+    writeAll(other.writer.get(), "of another file");
+    ASSERT_EQ(dup2(other.reader.get(), pair.reader.get()), pair.reader.get());
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
 }
 

@@ -192,7 +192,9 @@ TEST(KeventFault, KqueueWithoutAForkHandlerFails) {
 /// The memory of a closed queue goes to the next one under its number, which starts with none of its own.
 TEST(KeventFault, QueuesUnderOneNumberTakeNoMoreMemoryThanOne) {
     const Pair pair = unixPair();
-    const auto read = change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm);
+    const Fd high(fcntl(pair.reader.get(), F_DUPFD_CLOEXEC, 900));
+    const struct kevent reads[] = {change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm),
+                                   change(static_cast<uint64_t>(high.get()), EVFILT_READ, kArm)};
     int before = 0;
     int number = -1;
     for (int round = 0; round < 3; ++round) {
@@ -205,7 +207,7 @@ TEST(KeventFault, QueuesUnderOneNumberTakeNoMoreMemoryThanOne) {
             EXPECT_EQ(used, before);
         }
         const Fd owner(kq);
-        EXPECT_EQ(kevent(kq, &read, 1, nullptr, 0, nullptr), 0);
+        EXPECT_EQ(kevent(kq, reads, 2, nullptr, 0, nullptr), 0);
         for (uint64_t i = 0; i < 300; ++i) {
             const auto timer = change(i, EVFILT_TIMER, kArm, 1'000);
             EXPECT_EQ(kevent(kq, &timer, 1, nullptr, 0, nullptr), 0);

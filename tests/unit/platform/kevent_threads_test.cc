@@ -122,18 +122,24 @@ TEST(KeventThreads, NumberThatIsClosedDuringTheWaitIsSilent) {
     EXPECT_THAT(waiter.finish(), IsEvent(7, EVFILT_TIMER));
 }
 
-TEST(KeventThreads, ClosedNumberThatTheWakeUpTakesIsSilent) {
-    for (const int fd : eventfds()) ASSERT_EQ(close(fd), 0);
+/// True if the wake-up took the number of a closed file, and the waiter was told nothing of that file.
+bool staysSilentUnderTheWakeUp() {
     const Queue queue;
     Pair pair = unixPair();
     const int number = pair.reader.get();
     Waiter waiter(queue, {change(ident(pair.reader), EVFILT_READ, kArm)});
     const Fd copy(dup(number));
     pair.reader.reset();
-    ASSERT_EQ(queue.apply(change(7, EVFILT_TIMER, kArm, kSilenceMs)), 0);
-    ASSERT_THAT(eventfds(), testing::ElementsAre(number));
+    if (queue.apply(change(7, EVFILT_TIMER, kArm, kSilenceMs)) != 0) return false;
+    const bool taken = eventfds() == std::vector<int>{number};
     writeAll(pair.writer.get(), "to the copy");
-    EXPECT_THAT(waiter.finish(), IsEvent(7, EVFILT_TIMER));
+    return waiter.finish().filter == EVFILT_TIMER && taken;
+}
+
+/// In a process where nobody was woken so far.
+TEST(KeventThreads, ClosedNumberThatTheWakeUpTakesIsSilent) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(_exit(staysSilentUnderTheWakeUp() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 TEST(KeventThreads, WaiterOfAClosedQueueHasNoPartInTheNextUnderItsNumber) {
@@ -160,6 +166,25 @@ TEST(KeventThreads, RegularFileThatGrowsEndsTheWait) {
     ASSERT_EQ(pwrite(fileno(file), "abc", 3, 0), 3);
     EXPECT_EQ(waiter.finish().data, 3);
     (void)fclose(file);
+}
+
+TEST(KeventThreads, ClosedQueueWithAWaiterTakesNoDescriptors) {
+    Queue queue;
+    const Pair pair = unixPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    Waiter waiter(queue);
+    ASSERT_EQ(queue.apply(change(1, EVFILT_TIMER, kArm, 3'600'000)), 0);
+    const auto before = eventfds().size();
+    const int number = queue.fd();
+    queue.close();
+    for (uint64_t i = 2; i < 5; ++i) {
+        const auto timer = change(i, EVFILT_TIMER, kArm, 3'600'000);
+        EXPECT_EQ(kevent(number, &timer, 1, nullptr, 0, nullptr), -1);
+        EXPECT_EQ(errno, EBADF);
+    }
+    EXPECT_EQ(eventfds().size(), before);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_EQ(waiter.failure(), EBADF);
 }
 
 TEST(KeventThreads, WakeUpsShareOneDescriptor) {

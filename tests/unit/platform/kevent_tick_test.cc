@@ -182,4 +182,17 @@ TEST_F(KeventTick, TheNextQueueUnderTheNumberHasNone) {
     EXPECT_EQ(left, 8);
 }
 
+TEST_F(KeventTick, TheNextQueueUnderTheNumberBeginsAsOneThatIsNotBusy) {
+    keventTick(queue.fd(), ticker.get(), 5'000'000);
+    tick();
+    makeBusy();
+    const int number = queue.fd();
+    queue.close();
+    queue = Queue();
+    ASSERT_EQ(queue.fd(), number);
+    const Fd silent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    keventTick(queue.fd(), silent.get(), 5'000'000);
+    EXPECT_TRUE(queue.collect(5).empty());
+}
+
 }  // namespace
