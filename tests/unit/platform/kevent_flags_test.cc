@@ -233,6 +233,9 @@ TEST(KeventFlags, EdgeBesideALevelIsToldOnce) {
     writeAll(pair.writer.get(), "x");
     EXPECT_EQ(queue.collect().size(), 2U);
     for (int i = 0; i < 3; ++i) EXPECT_THAT(queue.collect(), testing::ElementsAre(IsEvent(fd, EVFILT_WRITE)));
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, EV_DISABLE)), 0);
+    EXPECT_LE(queue.collect().size(), 1U) << "a change may tell the edge once more";
+    EXPECT_TRUE(queue.collect().empty());
 }
 
 TEST(KeventFlags, DeletedKnoteHasNoEventLeft) {

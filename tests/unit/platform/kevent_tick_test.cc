@@ -56,6 +56,17 @@ TEST_F(KeventTick, EndsTheWaitsOfABusyQueue) {
     }
 }
 
+TEST_F(KeventTick, IsLeftOnceTheQueueIsNotBusyAnyMore) {
+    keventTick(queue.fd(), ticker.get(), 5'000'000);
+    tick();
+    makeBusy();
+    for (int i = 0; i < 2; ++i) {
+        tick();
+        EXPECT_TRUE(queue.collect(5).empty());
+    }
+    EXPECT_TRUE(queue.collect(5).empty()) << "by a time-out of its own: no tick comes";
+}
+
 TEST_F(KeventTick, EventsEndTheSameWaits) {
     keventTick(queue.fd(), ticker.get(), kPeriodNs);
     tick();
