@@ -55,6 +55,7 @@ void resetQueue(Kqueue& queue, int fd) {
     queue.pollsChanged = false;
     queue.tickNs = 0;
     queue.ticking = false;
+    queue.busy = 0;
     queue.uncounted = false;
     queue.epollSkipped = false;
 }
