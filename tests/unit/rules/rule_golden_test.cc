@@ -11,6 +11,7 @@
 
 #include "captured_stderr.h"
 #include "golden_files.h"
+#include "rule_checks.h"
 #include "rule_text.h"
 #include "rules/rule_parser.h"
 
@@ -68,6 +69,17 @@ TEST(RuleGolden, RefusedTextsGiveTheirMessage) {
         CapturedStderr messages;
         EXPECT_EQ(rule_parser_run(readGolden(path)), nullptr) << path;
         compare(path, ".msg", messages.take());
+    }
+}
+
+/// Plain lines are cut at once where a block of bytes follows them.
+TEST(RuleGolden, TextsAreReadAlikeFarFromTheEnd) {
+    const std::string after = "\n" + std::string(64, ' ');
+    CapturedStderr messages;
+    for (const char* const extension : {".in", ".bad"}) {
+        for (const auto& path : goldenFiles(extension)) {
+            EXPECT_EQ(checkRuleText(readGolden(path) + after, messages).failure, "") << path;
+        }
     }
 }
 
