@@ -48,7 +48,6 @@ struct Collector {
     int room;
     int count;
     bool stale;       // epoll reported an entry that a close(2) has ended
-    bool unread;      // epoll may have more to report
     bool repeated;    // epoll has begun to report the same entries again
     bool ticked;      // the queue's tick ended the wait
     bool raced;       // another thread changed registrations during the wait
@@ -87,6 +86,7 @@ void emit(Collector& c, const Entry& entry, Knote& knote, int16_t filter, const 
     event.udata = knote.udata;
     knote.reported = c.queue.call;
     knote.told = readiness.data;
+    knote.toldSize = readiness.size;
     knote.wasTold = true;
     if ((knote.flags & EV_ONESHOT) != 0) {
         knote = Knote{};
@@ -106,10 +106,10 @@ Readiness readinessOf(const Kqueue& queue, Entry& entry, unsigned filter, uint32
     return filter == kRead ? readReadiness(entry, events) : writeReadiness(entry, events);
 }
 
-/// Nothing tells a change of a file that epoll refuses but its byte count.
+/// Nothing tells a change of a file that epoll refuses but its counts.
 bool isOldNews(const Entry& entry, const Knote& knote, const Readiness& readiness) {
     return entry.alwaysReady && (knote.flags & EV_CLEAR) != 0 && knote.wasTold &&
-           knote.told == readiness.data;
+           knote.told == readiness.data && knote.toldSize == readiness.size;
 }
 
 /// Returns false if there was no room to look at the filter.
@@ -118,10 +118,8 @@ bool deliverFilter(Collector& c, Entry& entry, unsigned filter, uint32_t events)
     if (!knote.enabled || knote.reported == c.queue.call) return true;
     if (c.full()) return false;
     const Readiness readiness = readinessOf(c.queue, entry, filter, events);
+    if (!readiness.active) knote.wasTold = false;
     if (!readiness.active || isOldNews(entry, knote, readiness)) return true;
-    if (filter == kRead && (c.queue.uncounted || entry.checked == c.queue.call)) {
-        entry.returned = c.queue.call;
-    }
     emit(c, entry, knote, filter == kRead ? EVFILT_READ : EVFILT_WRITE, readiness);
     return true;
 }
@@ -134,24 +132,32 @@ bool isLevel(const Knote& knote) {
     return knote.enabled && (knote.flags & EV_CLEAR) == 0;
 }
 
+/// Keeps the filters of an edge for which the list had no room. To arm the edge again would tell both.
+void owe(Collector& c, Entry& entry, unsigned wanted, unsigned missed) {
+    entry.owed = static_cast<uint8_t>((entry.owed & ~wanted) | missed);
+    if (missed != 0) setPolled(c.queue.knotes, entry, true);
+}
+
 /// Reports the wanted filters of an entry. When the list has room for one of two, the other one goes first
 /// next time.
 void deliver(Collector& c, Entry& entry, unsigned wanted, uint32_t events) {
     const bool follows = changesOnDelivery(entry.read) || changesOnDelivery(entry.write);
     const int before = c.count;
     const unsigned first = entry.owesWrite ? kWrite : kRead;
-    const unsigned second = kRead + kWrite - first;
-    bool missed = (wanted & first) != 0 && !deliverFilter(c, entry, first, events);
-    if ((wanted & second) != 0 && !deliverFilter(c, entry, second, events)) {
-        entry.owesWrite = (missed ? first : second) == kWrite;
-        missed = true;
-    } else if (!missed) {
+    const unsigned order[] = {first, kRead + kWrite - first};
+    unsigned missed = 0;
+    for (const unsigned filter : order) {
+        if ((wanted & filter) != 0 && !deliverFilter(c, entry, filter, events)) missed |= filter;
+    }
+    if (missed != 0) {
+        entry.owesWrite = ((missed & first) != 0) == (first == kWrite);
+    } else if ((wanted & kWrite) != 0) {
         entry.owesWrite = false;
     }
     if (follows && c.count != before) {
         followKnotes(c.queue, entry);
-    } else if (missed && (entry.mask & EPOLLET) != 0) {
-        askAgain(c.queue, entry);
+    } else if ((entry.mask & EPOLLET) != 0) {
+        owe(c, entry, wanted, missed);
     }
 }
 
@@ -290,8 +296,7 @@ bool takeEpoll(Collector& c, int64_t ns) {
         }
         c.queue.kernelSeen = true;
         for (int i = 0; i < n; ++i) takeReport(c, reports[i]);
-        c.unread = n == limit;
-        if (!c.unread || c.repeated || c.stale || c.queue.uncounted) break;
+        if (n < limit || c.repeated || c.stale || c.queue.uncounted) break;
         ns = 0;
     }
     return true;
@@ -320,9 +325,10 @@ void takePolledEntry(Collector& c, Entry& entry) {
     if (entry.alwaysReady) {
         deliver(c, entry, kRead | kWrite, 0);
     } else {
-        const unsigned filters = (entry.mask & EPOLLET) != 0 ? levelFilters(entry) : 0;
+        const unsigned filters = (entry.mask & EPOLLET) != 0 ? levelFilters(entry) | entry.owed : 0;
         const uint32_t events = filters == 0 ? 0 : lookAt(entry, filters);
         if (events == 0) {
+            entry.owed = 0;
             setPolled(c.queue.knotes, entry, false);  // the next edge brings it back
             return;
         }
@@ -340,16 +346,11 @@ void takePolled(Collector& c) {
     }
 }
 
-/// WRITE knotes that this call's changes armed. epoll has just been asked: had the connection ended, it would
-/// have said so of the entry's READ filter. Those without room are told to epoll before the next wait.
+/// WRITE knotes that this call's changes armed. The others go to epoll before the next wait.
 void takeWritable(Collector& c) {
     for (Entry* entry = c.queue.knotes.writable.first; entry != nullptr && !c.full();) {
         Entry* next = entry->writable.next;
-        const bool known = c.queue.uncounted || entry->seen == c.queue.call || !c.unread;
-        if (known && entry->write.reported != c.queue.call) {
-            const Readiness room = c.queue.uncounted ? kUncounted : roomInSocket(*entry);
-            if (room.active) emit(c, *entry, entry->write, EVFILT_WRITE, room);
-        }
+        if (entry->write.reported != c.queue.call) emit(c, *entry, entry->write, EVFILT_WRITE, kUncounted);
         entry = next;
     }
 }
@@ -363,7 +364,7 @@ bool hasUserSpaceEvents(Collector& c) {
 /// A caller that counts by taking needs no word of epoll for WRITE in user space: it meets the end by itself.
 /// Every other call asks, so that sockets that are always written to do not hide those that have input.
 bool skipsEpoll(Collector& c) {
-    if (!c.queue.uncounted || c.queue.knotes.writable.count == 0) return false;
+    if (c.queue.knotes.writable.count == 0) return false;
     c.queue.epollSkipped = !c.queue.epollSkipped;
     return c.queue.epollSkipped;
 }
@@ -440,7 +441,7 @@ bool collectUntil(Collector& c) {
 }  // namespace
 
 int collectEvents(Kqueue& queue, struct kevent* list, int room, const timespec* timeout) {
-    Collector c{queue, list, room, 0, false, false, false, false, false, timeoutNs(timeout), 0, 0};
+    Collector c{queue, list, room, 0, false, false, false, false, timeoutNs(timeout), 0, 0};
     handToEpoll(queue, true);
     if (!collectUntil(c)) return -1;
     const bool deferred = hasTimers(c) || queue.knotes.polled.count > 0;

@@ -47,14 +47,15 @@ void noteMask(Kqueue& queue, Entry& entry, uint32_t mask) {
     entry.mask = mask;
 }
 
-/// epoll_ctl on the entry's number. Returns 0, kGone or an errno.
+/// epoll_ctl on the entry's number. Returns 0, kGone or an errno. EPERM: the number is a file that epoll
+/// refuses.
 int tellEpoll(Kqueue& queue, Entry& entry, int operation, uint32_t mask) {
     epoll_event event = eventFor(entry, mask);
     if (epoll_ctl(queue.fd, operation, entry.fd, &event) == 0) {
         queue.kernelSeen = true;
         return 0;
     }
-    return errno == ENOENT || errno == EBADF ? kGone : errno;
+    return errno == ENOENT || errno == EBADF || errno == EPERM ? kGone : errno;
 }
 
 /// Changes what epoll watches; the answer shows whether the number is still the registered file. An
@@ -136,11 +137,11 @@ bool fitsUserSpace(const Entry& entry) {
            (entry.mask & (EPOLLIN | EPOLLOUT)) == EPOLLIN;
 }
 
-/// The number was checked when the call before this one returned READ, and this change comes with the same
-/// pointer: the caller answers on the descriptor it was just told of. It has not closed it in between and put
+/// The call before this one returned READ, and this change comes with the same pointer: the caller answers on
+/// the descriptor it was just told of. One that vouches for its numbers has not closed it in between and put
 /// the pointer to another use; a null pointer says nothing and is not believed.
 bool answersReport(const Kqueue& queue, const Entry& entry) {
-    return entry.returned + 1 == queue.call && entry.write.udata != nullptr &&
+    return entry.read.reported + 1 == queue.call && entry.write.udata != nullptr &&
            entry.write.udata == entry.read.udata;
 }
 
@@ -153,8 +154,7 @@ int armInUserSpace(Kqueue& queue, Entry& entry) {
 /// WRITE in user space was reported by the call before this one and is not wanted any more: there is nothing
 /// to tell epoll, and a caller that vouches for its numbers needs no check.
 bool endsReport(const Kqueue& queue, const Entry& entry, const Knote& knote) {
-    return queue.uncounted && &knote == &entry.write && entry.writable.linked &&
-           knote.reported + 1 == queue.call;
+    return &knote == &entry.write && entry.writable.linked && knote.reported + 1 == queue.call;
 }
 
 int removeKnote(Kqueue& queue, Entry& entry, Knote& knote) {
@@ -291,10 +291,6 @@ void askParked(Kqueue& queue) {
         if (entry->parked && modify(queue, *entry) == kGone) resetEntry(queue.knotes, *entry);
         entry = next;
     }
-}
-
-void askAgain(Kqueue& queue, Entry& entry) {
-    if (modify(queue, entry) == kGone) resetEntry(queue.knotes, entry);
 }
 
 namespace {

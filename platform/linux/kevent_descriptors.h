@@ -13,7 +13,7 @@
 namespace rvkevent {
 
 /// Applies one change of a READ or WRITE knote. userSpace: the call goes on to collect events, so that a
-/// WRITE knote may be looked at without epoll. Returns 0 or an errno: EBADF (EV_ADD of a number that is not
+/// WRITE knote may be reported without epoll. Returns 0 or an errno: EBADF (EV_ADD of a number that is not
 /// open), ENOENT (no such knote), ENOMEM, EINVAL (a file that cannot be waited for).
 int changeDescriptor(Kqueue& queue, const struct kevent& change, bool userSpace);
 
@@ -33,9 +33,6 @@ void setParked(Kqueue& queue, Entry& entry, bool parked);
 
 /// Asks epoll again for the state of every parked socket.
 void askParked(Kqueue& queue);
-
-/// Arms the edge of an EV_CLEAR entry again, because its report could not be delivered.
-void askAgain(Kqueue& queue, Entry& entry);
 
 /// epoll_event.data of the queue's tickFd.
 inline constexpr uint64_t kTickTag = UINT64_MAX - 1;

@@ -52,7 +52,8 @@ int applyChange(Kqueue& queue, const struct kevent& change, bool userSpace, int6
 /// room.
 int applyChanges(Kqueue& queue, const struct kevent* changes, int nchanges, struct kevent* events,
                  int nevents) {
-    const bool userSpace = nevents > 0 && queue.waiters == 0;
+    // Only a caller that counts by taking can do without epoll's word of the room.
+    const bool userSpace = queue.uncounted && nevents > 0 && queue.waiters == 0;
     int records = 0;
     int64_t now = 0;
     for (int i = 0; i < nchanges; ++i) {

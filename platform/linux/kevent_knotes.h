@@ -29,6 +29,7 @@ struct Knote {
     void* udata;
     uint64_t reported;  // the call that returned it last
     int64_t told;       // data of the last event, for EV_CLEAR on an always-ready file
+    int64_t toldSize;   // the size of that file
     uint16_t flags;     // of the first EV_ADD
     bool wasTold;
     bool present;
@@ -50,7 +51,6 @@ struct Entry {
     uint32_t mask;        // what epoll was told
     uint64_t seen;        // the call in which epoll reported it last
     uint64_t checked;     // the call in which the number was known to be the registered file
-    uint64_t returned;    // the last call that returned READ of the checked file
     uint64_t armed;       // the call that put WRITE into user space
     Knote read;
     Knote write;
@@ -66,6 +66,7 @@ struct Entry {
     bool connected;    // a stream socket that was seen connected
     bool countless;    // FIONREAD does not know this kind of file
     bool owesWrite;    // the list was full when it was WRITE's turn
+    uint8_t owed;      // filters of an edge that was taken from epoll when the list was full
     bool both;         // epoll watches for both filters
 };
 
@@ -83,7 +84,7 @@ struct KnoteTable {
     Entry** pages;  // by descriptor number / kEntriesPerPage; null: nothing there
     size_t pageCount;
     EntryList polled;    // not told by epoll, so looked at in each call: always-ready files, parked sockets,
-                         // level filters beside an EV_CLEAR one
+                         // level filters beside an EV_CLEAR one, filters that are owed
     EntryList writable;  // WRITE is armed, but in user space only
     size_t bothCount;    // entries with `both`
 };

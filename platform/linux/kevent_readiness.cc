@@ -232,21 +232,6 @@ Readiness writeReadiness(Entry& entry, uint32_t events) {
     return {true, end || wasShutDown(entry), roomOf(entry)};
 }
 
-Readiness roomInSocket(const Entry& entry) {
-    SocketMemory memory{};
-    if (!askMemory(entry.fd, &memory)) return {};
-    if (entry.kind == FileKind::kUnixStream) {
-        // The kernel counts one byte more than it shows.
-        const bool writable = (memory.allocated() + 1) * 4 <= memory.sendBuffer();
-        return {writable, false, roomOfUnix(memory)};
-    }
-    const bool writable = memory.sendBuffer() - memory.queued() >= (memory.queued() + 1) / 2;
-    if (entry.kind != FileKind::kTcp || !writable) return {};
-    const int64_t lowat = notSentLowat(entry.fd);
-    if (lowat != UINT32_MAX) return {};  // only epoll knows how much is unsent
-    return {true, false, roomOfTcp(entry.fd, memory, lowat)};
-}
-
 bool needsNoCount(const Entry& entry, uint32_t events) {
     return entry.connected && (entry.kind == FileKind::kUnixStream || entry.kind == FileKind::kTcp) &&
            (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) == 0;
@@ -257,7 +242,7 @@ Readiness readReadinessOfFile(const Entry& entry) {
     struct stat status {};
     const off_t offset = lseek(entry.fd, 0, SEEK_CUR);
     if (offset == -1 || fstat(entry.fd, &status) != 0) return {};
-    return {offset != status.st_size, false, status.st_size - offset};
+    return {offset != status.st_size, false, status.st_size - offset, status.st_size};
 }
 
 Readiness writeReadinessOfFile(const Entry& entry) {

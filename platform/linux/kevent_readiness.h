@@ -15,7 +15,8 @@ namespace rvkevent {
 struct Readiness {
     bool active;
     bool endOfFile;
-    int64_t data;  // bytes, or connections of a listening socket
+    int64_t data;      // bytes, or connections of a listening socket
+    int64_t size = 0;  // of a regular file
 };
 
 /// Finds out the kind of the entry's file, once.
@@ -28,10 +29,6 @@ bool wasNeverConnected(const Entry& entry, uint32_t events);
 /// The filters of a file that epoll watches; `events` is what epoll (or poll) reported.
 Readiness readReadiness(Entry& entry, uint32_t events);
 Readiness writeReadiness(Entry& entry, uint32_t events);
-
-/// WRITE of a connected stream socket without epoll: inactive unless the kernel would report EPOLLOUT now. It
-/// does not see that the connection ended: the caller has epoll's word for that.
-Readiness roomInSocket(const Entry& entry);
 
 /// True if a caller that counts bytes by taking them can do so: both filters of a stream socket that was seen
 /// connected, as long as its end is not in sight.

@@ -103,6 +103,64 @@ TEST(KeventDescriptors, NewSocketAnsweredWithTheOldNullPointerHasOnlyItsOwnKnote
     EXPECT_EQ(queue.apply(change(ident(reused), EVFILT_READ, EV_DELETE)), ENOENT);
 }
 
+/// Memory for a connection is given back and taken again as well: the new one has the old one's pointer.
+TEST(KeventDescriptors, NewSocketAnsweredWithTheOldPointerHasItsOwnKnotes) {
+    const Queue queue;
+    Pair first = unixPair();
+    const int number = first.reader.get();
+    ASSERT_EQ(queue.apply(change(ident(first.reader), EVFILT_READ, kArm, 0, 0, 1)), 0);
+    writeAll(first.writer.get(), "x");
+    EXPECT_THAT(queue.next(), IsEvent(ident(first.reader), EVFILT_READ));  // seen connected from now on
+    EXPECT_THAT(queue.next(), IsEvent(ident(first.reader), EVFILT_READ));
+    first.reader.reset();
+    Pair second = unixPair();
+    const Fd reused =
+        second.reader.get() == number ? std::move(second.reader) : moveTo(number, std::move(second.reader));
+    const auto events = queue.collect(0, 8,
+                                      {change(ident(reused), EVFILT_WRITE, kArm, 0, 0, 1),
+                                       change(ident(reused), EVFILT_READ, kArm, 0, 0, 1)});
+    ASSERT_EQ(events.size(), 1U) << describe(events);
+    EXPECT_THAT(events[0], IsEvent(ident(reused), EVFILT_WRITE));
+    EXPECT_THAT(queue.next(), IsEvent(ident(reused), EVFILT_WRITE));
+    EXPECT_EQ(queue.apply(change(ident(reused), EVFILT_WRITE, EV_DELETE)), 0);
+}
+
+/// A file that epoll refuses, under the number of a socket that it watched.
+class KeventFileAfterSocket : public testing::TestWithParam<unsigned> {
+  protected:
+    void SetUp() override {
+        Pair pair = unixPair();
+        const int number = pair.reader.get();
+        writeAll(pair.writer.get(), "x");
+        ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, GetParam())), 0);
+        EXPECT_THAT(queue.next(), IsEvent(number, EVFILT_READ));
+        pair.reader.reset();
+        file = Fd(open("/dev/null", O_RDWR | O_CLOEXEC));
+        ASSERT_EQ(file.get(), number);
+    }
+
+    const Queue queue;
+    Fd file;
+};
+
+INSTANTIATE_TEST_SUITE_P(Flags, KeventFileAfterSocket, testing::Values(kArm, kArm | EV_CLEAR),
+                         [](const auto& one) { return (one.param & EV_CLEAR) != 0 ? "Clear" : "Level"; });
+
+TEST_P(KeventFileAfterSocket, OtherFilterIsAdded) {
+    EXPECT_EQ(queue.apply(change(ident(file), EVFILT_WRITE, kArm)), 0);
+    EXPECT_THAT(queue.next(), IsEvent(ident(file), EVFILT_WRITE));
+    EXPECT_EQ(queue.collect().size(), 1U);
+}
+
+TEST_P(KeventFileAfterSocket, SameFilterIsAdded) {
+    EXPECT_EQ(queue.apply(change(ident(file), EVFILT_READ, kArm, 0, 0, 1)), 0);
+    EXPECT_EQ(queue.next().udata, markAddress(1));
+}
+
+TEST_P(KeventFileAfterSocket, OldFilterIsNotThereToBeDeleted) {
+    EXPECT_EQ(queue.apply(change(ident(file), EVFILT_READ, EV_DELETE)), ENOENT);
+}
+
 enum class Holder { kDuplicate, kChild };
 
 void PrintTo(Holder holder, std::ostream* out) {

@@ -147,6 +147,37 @@ TEST(KeventFlags, ClearOnARegularFileFiresOncePerChange) {
     EXPECT_EQ(queue.next().data, 5);
 }
 
+/// What was appended has the length of what was there before: the count alone does not tell.
+TEST(KeventFlags, ClearOnARegularFileFiresForAnAppendOfTheSameLength) {
+    const Queue queue;
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    const Fd fd(dup(fileno(file)));
+    (void)fclose(file);
+    ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(pwrite(fd.get(), "abc", 3, 0), 3);
+    EXPECT_EQ(queue.next().data, 3);
+    EXPECT_EQ(readSome(fd.get(), 3), "abc");
+    ASSERT_EQ(pwrite(fd.get(), "def", 3, 3), 3);
+    EXPECT_EQ(queue.next().data, 3);
+    EXPECT_TRUE(queue.collect().empty());
+}
+
+TEST(KeventFlags, ClearOnARegularFileFiresForTheSameLengthAfterItsEndWasSeen) {
+    const Queue queue;
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    const Fd fd(dup(fileno(file)));
+    (void)fclose(file);
+    ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(pwrite(fd.get(), "abc", 3, 0), 3);
+    EXPECT_EQ(queue.next().data, 3);
+    ASSERT_EQ(ftruncate(fd.get(), 0), 0);
+    EXPECT_TRUE(queue.collect().empty());
+    ASSERT_EQ(pwrite(fd.get(), "def", 3, 0), 3);
+    EXPECT_EQ(queue.next().data, 3);
+}
+
 TEST(KeventFlags, ClearOnBothFilters) {
     const Queue queue;
     const Pair pair = unixPair();
@@ -266,6 +297,64 @@ TEST(KeventFlags, ShortListRotatesThroughTheDescriptors) {
         for (const auto& event : events) order.push_back(event.ident);
     }
     for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(order[i], ident(pairs[i % 5].reader)) << i;
+}
+
+/// Both filters of several sockets by edge, and lists of every length: each event comes once.
+TEST(KeventFlags, ShortListsTellEachEdgeOnce) {
+    for (size_t sockets = 1; sockets <= 5; ++sockets) {
+        for (int room = 1; room <= 5; ++room) {
+            const Queue queue;
+            std::vector<Pair> pairs;
+            for (size_t i = 0; i < sockets; ++i) {
+                pairs.push_back(unixPair());
+                const auto fd = ident(pairs.back().reader);
+                writeAll(pairs.back().writer.get(), "x");
+                ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm | EV_CLEAR)), 0);
+                ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+            }
+            std::map<std::pair<uint64_t, int>, int> told;
+            size_t calls = 0;
+            for (;; ++calls) {
+                const auto events = queue.collect(0, room);
+                if (events.empty() || calls > 4 * sockets) break;
+                for (const auto& event : events) ++told[{event.ident, event.filter}];
+            }
+            EXPECT_LE(calls, 2 * sockets) << sockets << " sockets, list of " << room;
+            EXPECT_EQ(told.size(), 2 * sockets) << sockets << " sockets, list of " << room;
+            for (const auto& [knote, times] : told) EXPECT_EQ(times, 1);
+        }
+    }
+}
+
+/// What did not fit is not told when it is over by the time there is room.
+TEST(KeventFlags, EdgeThatHadNoRoomAndPassedIsNotTold) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = ident(pair.reader);
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm | EV_CLEAR)), 0);
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    const auto first = queue.collect(0, 1);
+    ASSERT_EQ(first.size(), 1U);
+    if (first[0].filter == EVFILT_READ) {
+        fill(pair.reader.get());
+    } else {
+        readSome(pair.reader.get());
+    }
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+}
+
+TEST(KeventFlags, EdgeBesideALevelThatAlwaysHoldsGetsItsTurn) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = ident(pair.reader);
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+    for (int i = 0; i < 5; ++i) EXPECT_THAT(queue.next(), IsEvent(fd, EVFILT_READ));
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    int writes = 0;
+    for (int i = 0; i < 10; ++i) writes += queue.next().filter == EVFILT_WRITE ? 1 : 0;
+    EXPECT_EQ(writes, 1);
 }
 
 /// Both filters of several sockets, and lists of every length: each knote gets its turn.
