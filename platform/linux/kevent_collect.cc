@@ -264,13 +264,14 @@ int waitUnlocked(Collector& c, epoll_event* reports, int limit, int64_t ns) {
     const uint64_t changes = queue.changes;
     const int epoll = queue.fd;
     const bool endsByTick = queue.ticking && ns == queue.tickNs;
+    const bool uncounted = queue.uncounted;
     ++queue.waiters;
     (void)pthread_mutex_unlock(&queue.lock);
-    const int64_t begin = queue.uncounted ? 0 : timeNow(c);
+    const int64_t begin = uncounted ? 0 : timeNow(c);
     const int n = waitFor(epoll, reports, limit, endsByTick ? INT64_MAX : ns);
     const int error = errno;
     c.now = 0;
-    const bool brief = !queue.uncounted && timeNow(c) - begin < kCheckHoldsNs;
+    const bool brief = !uncounted && timeNow(c) - begin < kCheckHoldsNs;
     (void)pthread_mutex_lock(&queue.lock);
     --queue.waiters;
     c.raced = queue.changes != changes;

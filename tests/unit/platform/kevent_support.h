@@ -36,6 +36,19 @@ inline constexpr bool kSanitized = false;
 inline constexpr bool kSanitized = false;
 #endif
 
+/// ThreadSanitizer takes a close(2) beside another thread's wait for a race.
+#if defined(__SANITIZE_THREAD__)
+inline constexpr bool kSeesRaces = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+inline constexpr bool kSeesRaces = true;
+#else
+inline constexpr bool kSeesRaces = false;
+#endif
+#else
+inline constexpr bool kSeesRaces = false;
+#endif
+
 /// A descriptor with one owner.
 class Fd {
   public:
