@@ -4,12 +4,14 @@
 // body. The ends of the process and of the editor are played: exit comes back here, the editor leaves the
 // file alone.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <boost/json/parse.hpp>
 #include <csetjmp>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 
 #include "cli/commands.h"
@@ -19,7 +21,8 @@
 #include "rules/editor_process.h"
 #include "rules/rule_parser.h"
 
-// What an end by longjmp leaves behind is no leak of the tool's: its process would be gone.
+// What an end by longjmp leaves behind is no leak of the tool's: its process would be gone. Its mappings are
+// undone here, since a process may have only so many.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() {
     return "detect_leaks=0";
@@ -37,6 +40,7 @@ constexpr CommandKind kCommands[] = {
 bool playing = false;
 int exitStatus = -1;
 std::jmp_buf whereExitEnds;
+std::map<void*, std::size_t> mappings;  ///< those made while playing, with their sizes
 
 /// Each request is one whole frame; a rule set is committed only after the daemon has taken what was sent.
 void requireRequests(bool mayCommit) {
@@ -103,6 +107,10 @@ extern "C" {
 
 [[noreturn]] void __real_exit(int status);
 [[noreturn]] void __wrap_exit(int status);
+void* __real_mmap(void* address, std::size_t size, int protection, int flags, int fd, off_t offset);
+void* __wrap_mmap(void* address, std::size_t size, int protection, int flags, int fd, off_t offset);
+int __real_munmap(void* address, std::size_t size);
+int __wrap_munmap(void* address, std::size_t size);
 EditorRun __wrap__Z16runEditorProcessPKcS0_(const char* editor, const char* path);
 int __wrap__Z10areYouSurePKc(const char* prompt);
 
@@ -112,6 +120,19 @@ void __wrap_exit(int status) {
     }
     exitStatus = status;
     std::longjmp(whereExitEnds, 1);
+}
+
+void* __wrap_mmap(void* address, std::size_t size, int protection, int flags, int fd, off_t offset) {
+    void* const mapping = __real_mmap(address, size, protection, flags, fd, offset);
+    if (playing && mapping != MAP_FAILED) {
+        mappings[mapping] = size;
+    }
+    return mapping;
+}
+
+int __wrap_munmap(void* address, std::size_t size) {
+    mappings.erase(address);
+    return __real_munmap(address, size);
 }
 
 EditorRun __wrap__Z16runEditorProcessPKcS0_(const char*, const char*) {
@@ -138,6 +159,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         play(words, {reinterpret_cast<const char*>(data) + 1, size - 1}, slots);
     }
     playing = false;
+    for (const auto& [address, bytes] : mappings) {
+        (void)__real_munmap(address, bytes);  // ours
+    }
+    mappings.clear();
     require(exitStatus == 0 || exitStatus == 2 || exitStatus == 5 || exitStatus == 80,
             "an unknown exit status");
     if (!slots.editFile.empty()) {
