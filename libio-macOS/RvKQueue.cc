@@ -62,8 +62,7 @@ std::shared_ptr<RvKQueue> RvKQueue::initWithSubsystem(const char* subsystem) noe
     return nullptr;
 }
 
-RvKQueue::RvKQueue(Key, const char* subsystem) noexcept
-    : logger(OsLog::create(subsystem, "kqueue")), ticker(kTurnTimeoutNs) {}
+RvKQueue::RvKQueue(Key, const char* subsystem) noexcept : logger(OsLog::create(subsystem, "kqueue")) {}
 
 RvKQueue::~RvKQueue() {
     if (kq != -1) (void)close(kq);  // nothing is left to undo
@@ -89,6 +88,8 @@ const char* RvKQueue::prepare() noexcept {
     keventLeaveUncounted(kq);
     ioThread = Thread::create(&ioThreadBody, this);
     if (!ioThread) return "cannot initialize io thread";
+    wakeup.emplace();  // the loop can do without either
+    ticker.emplace(kTurnTimeoutNs);
     return nullptr;
 }
 
@@ -115,6 +116,9 @@ void RvKQueue::stop() noexcept {
     }
     (void)close(kq);  // nothing is left to undo
     kq = -1;
+    while (signallers.load() != 0) std::this_thread::yield();
+    wakeup.reset();
+    ticker.reset();
 }
 
 void RvKQueue::waitForEnd() noexcept {
@@ -137,7 +141,8 @@ bool RvKQueue::stopRemaining() noexcept {
 //
 // The deletions that they submit go before the changes that were waiting: a descriptor that its owner has
 // already handed to a new endpoint must not lose that endpoint's filters. Additions that the stopped ones had
-// left waiting are dropped; their descriptor number may belong to another file by the time of the call.
+// left waiting are dropped, unless they have been registered again; their descriptor number may belong to
+// another file by the time of the call.
 EndpointTable RvKQueue::releaseStoppedUnlocked() noexcept {
     EndpointTable stopped;
     if (stopList.isEmpty()) return stopped;
@@ -158,7 +163,9 @@ void RvKQueue::resubmit(const ByteBuffer& records, const EndpointTable& stopped)
         struct kevent change;
         std::memcpy(&change, records.data() + i * sizeof change, sizeof change);
         const bool isDelete = (change.flags & EV_DELETE) != 0;
-        if (isDelete || !stopped.contains(change.udata)) (void)appendChange(change, &changeList);
+        if (isDelete || !stopped.contains(change.udata) || activeList.contains(change.udata)) {
+            (void)appendChange(change, &changeList);
+        }
     }
 }
 
@@ -195,9 +202,10 @@ bool RvKQueue::appendChange(const struct kevent& change, ByteBuffer* list) noexc
 }
 
 void RvKQueue::wakeIoThread() noexcept {
-    if (sleeping.load(std::memory_order_relaxed) && sleeping.exchange(false, std::memory_order_relaxed)) {
-        wakeup.signal();
-    }
+    if (!sleeping.load(std::memory_order_relaxed)) return;
+    signallers.fetch_add(1);
+    if (sleeping.exchange(false)) wakeup->signal();
+    signallers.fetch_sub(1);
 }
 
 // Deliberate: true whatever happened, also for endpoints that cannot write: what becomes of output is known
@@ -336,9 +344,9 @@ bool RvKQueue::refreshSnapshot() noexcept {
 // Has the queue end its wait when another thread signals. The record has no endpoint, so its events are
 // ignored.
 void RvKQueue::registerWakeup() noexcept {
-    if (ticker.isUsable()) keventTick(kq, ticker.descriptor(), kTurnTimeoutNs);
-    if (!wakeup.isUsable()) return;  // requests then wait for the end of the turn
-    const struct kevent change = {static_cast<std::uint64_t>(wakeup.descriptor()),
+    if (ticker->isUsable()) keventTick(kq, ticker->descriptor(), kTurnTimeoutNs);
+    if (!wakeup->isUsable()) return;  // requests then wait for the end of the turn
+    const struct kevent change = {static_cast<std::uint64_t>(wakeup->descriptor()),
                                   EVFILT_READ,
                                   EV_ADD | EV_ENABLE | EV_CLEAR,
                                   0,

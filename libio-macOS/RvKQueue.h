@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -191,8 +192,10 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     /// Set by the I/O thread, under lock, once it has taken the changes and is about to wait; another thread
     /// that clears it owes a wake-up.
     std::atomic<bool> sleeping = false;
-    Wakeup wakeup;
-    Ticker ticker;
+    /// Threads that may be about to use wakeup.
+    std::atomic<int> signallers = 0;
+    std::optional<Wakeup> wakeup;  ///< from prepare to stop, as ticker is
+    std::optional<Ticker> ticker;
 
     EndpointTable snapshot RV_GUARDED_BY(ioThread);  ///< strong; what events are dispatched against
     /// What the I/O thread has submitted since changeList was empty; then what the current turn hands over.

@@ -377,6 +377,24 @@ TEST_F(RvKQueueScript, WhatAStoppedEndpointHadLeftWaitingIsNotAdded) {
     EXPECT_EQ(0, countChanges(victim.get(), EVFILT_WRITE, EV_ADD | EV_ENABLE));
 }
 
+TEST_F(RvKQueueScript, WhatIsStoppedAndRegisteredAgainInOneTurnIsAdded) {
+    DescriptorPair holding = DescriptorPair::socketPair();
+    const auto holder = loop->createStreamSocket(holding.release(0), true);
+    const auto probe = addProbe();
+    loop->startObject(
+        holder, [&](RvKQueueEventProtocol*, const char*, std::uint64_t, std::uint64_t*, std::int32_t event) {
+            if (event != kEventClosed) return true;
+            loop->stopObject(probe);
+            loop->addActiveObject(probe);
+            loop->submitChange(record(40, EVFILT_WRITE, EV_ADD | EV_ENABLE, probe.get()));
+            return true;
+        });
+    waitForTurn();
+    deliverAndWait({record(0, EVFILT_READ, EV_ADD, holder.get(), 0)});
+    EXPECT_TRUE(scripted_kernel::waitForChange([](const auto& change) { return change.ident == 40; }));
+    EXPECT_EQ(1, probe->stops);
+}
+
 TEST_F(RvKQueueScript, ADescriptorHandedToANewEndpointKeepsItsFilters) {
     DescriptorPair holding = DescriptorPair::socketPair();
     DescriptorPair shared = DescriptorPair::socketPair();

@@ -1,8 +1,10 @@
 #include "libio-macOS/RvKQueue.h"
 
 #include <arpa/inet.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <future>
 
@@ -38,6 +40,26 @@ TEST_F(RvKQueueInit, ALoopThatNeverRanGivesEverythingBack) {
         EXPECT_EQ(before + 3, openDescriptorCount());
     }
     EXPECT_EQ(before, openDescriptorCount());
+}
+
+/// One descriptor is all that a loop must have.
+TEST_F(RvKQueueInit, ALoopTakesTheLastDescriptor) {
+    loop.reset();
+    struct rlimit limit {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    const struct rlimit low = {std::min<rlim_t>(64, limit.rlim_cur), limit.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+    std::vector<int> taken;
+    for (int fd = dup(0); fd != -1; fd = dup(0)) taken.push_back(fd);
+    EXPECT_FALSE(RvKQueue::initWithSubsystem(kTestSubsystem));
+    ASSERT_FALSE(taken.empty());
+    (void)close(taken.back());
+    taken.pop_back();
+    const auto last = RvKQueue::initWithSubsystem(kTestSubsystem);
+    EXPECT_TRUE(last);
+    EXPECT_EQ(1, countLogged(LogLevel::kError, "cannot initialize kqueue"));
+    for (const int fd : taken) (void)close(fd);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
 }
 
 TEST_F(RvKQueueInit, StoppingALoopThatNeverRanStopsItsEndpoints) {
@@ -395,8 +417,7 @@ TEST_F(RvKQueueStop, StopsEachLiveEndpointOnceAndGivesDescriptorsBack) {
     EXPECT_EQ(1, countLogged(LogLevel::kDebug, "<" + pointerText(endpoint.get()) + ">: stop"));
     EXPECT_EQ("", readExactly(pair[1], 1));
     pair.close(1);
-    loop.reset();
-    EXPECT_EQ(before, openDescriptorCount());
+    EXPECT_EQ(before, openDescriptorCount()) << "while the loop is still there";
 }
 
 TEST_F(RvKQueueStop, ItsNumberBelongsToOthersAfterwards) {
