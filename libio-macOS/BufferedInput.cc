@@ -13,8 +13,6 @@ namespace {
 
 // A read that is not told how much there is asks for this much at least, or for all the room there is.
 constexpr std::size_t kLeastReadBytes = 2048;
-// A read that filled this much leaves the rest to the next turn.
-constexpr std::size_t kLargeReadBytes = 131072;
 
 Received readUncounted(int fd, ByteBuffer* rx) noexcept {
     const std::size_t room = std::max(rx->spare(), kLeastReadBytes);
@@ -24,7 +22,7 @@ Received readUncounted(int fd, ByteBuffer* rx) noexcept {
     if (got == -1 && (errno == EAGAIN || errno == EINTR)) return Received::kNothing;
     if (got < 1) return Received::kEnd;
     rx->commit(static_cast<std::size_t>(got));
-    if (static_cast<std::size_t>(got) < room || room >= kLargeReadBytes) return Received::kBytes;
+    if (static_cast<std::size_t>(got) < room) return Received::kBytes;
     const std::size_t more = bytesWaiting(fd);
     char* const rest = more == 0 ? nullptr : rx->prepare(more);
     const ssize_t gotMore = rest == nullptr ? 0 : receiveNow(fd, rest, more);
