@@ -124,10 +124,6 @@ bool deliverFilter(Collector& c, Entry& entry, unsigned filter, uint32_t events)
     return true;
 }
 
-bool changesOnDelivery(const Knote& knote) {
-    return (knote.flags & (EV_ONESHOT | EV_DISPATCH)) != 0;
-}
-
 bool isLevel(const Knote& knote) {
     return knote.enabled && (knote.flags & EV_CLEAR) == 0;
 }
@@ -141,8 +137,8 @@ void owe(Collector& c, Entry& entry, unsigned wanted, unsigned missed) {
 /// Reports the wanted filters of an entry. When the list has room for one of two, the other one goes first
 /// next time.
 void deliver(Collector& c, Entry& entry, unsigned wanted, uint32_t events) {
-    const bool follows = changesOnDelivery(entry.read) || changesOnDelivery(entry.write);
-    const int before = c.count;
+    const bool reads = entry.read.enabled;
+    const bool writes = entry.write.enabled;
     const unsigned first = entry.owesWrite ? kWrite : kRead;
     const unsigned order[] = {first, kRead + kWrite - first};
     unsigned missed = 0;
@@ -154,7 +150,8 @@ void deliver(Collector& c, Entry& entry, unsigned wanted, uint32_t events) {
     } else if ((wanted & kWrite) != 0) {
         entry.owesWrite = false;
     }
-    if (follows && c.count != before) {
+    if (entry.read.enabled != reads || entry.write.enabled != writes) {  // EV_ONESHOT, EV_DISPATCH
+        entry.owed = 0;                                                  // the edge is armed again on the way
         followKnotes(c.queue, entry);
     } else if ((entry.mask & EPOLLET) != 0) {
         owe(c, entry, wanted, missed);

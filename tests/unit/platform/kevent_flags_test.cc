@@ -326,6 +326,31 @@ TEST(KeventFlags, ShortListsTellEachEdgeOnce) {
     }
 }
 
+/// One that ends or is disabled by its event changes the entry that both share: the other is not told for
+/// ever.
+TEST(KeventFlags, EdgesBesideAnEventThatComesOnceEnd) {
+    for (const unsigned once : {EV_ONESHOT, EV_DISPATCH}) {
+        for (int room = 1; room <= 3; ++room) {
+            const Queue queue;
+            const Pair pair = unixPair();
+            const auto fd = ident(pair.reader);
+            writeAll(pair.writer.get(), "x");
+            ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm | EV_CLEAR | once)), 0);
+            ASSERT_EQ(queue.apply(change(fd, EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+            size_t reads = 0;
+            size_t writes = 0;
+            for (int calls = 0; calls < 10; ++calls) {
+                const auto events = queue.collect(0, room);
+                reads += only(events, EVFILT_READ).size();
+                writes += only(events, EVFILT_WRITE).size();
+            }
+            EXPECT_EQ(reads, 1U) << once << ", list of " << room;
+            EXPECT_GE(writes, 1U) << once << ", list of " << room;
+            EXPECT_LE(writes, 2U) << once << ", list of " << room;
+        }
+    }
+}
+
 /// What did not fit is not told when it is over by the time there is room.
 TEST(KeventFlags, EdgeThatHadNoRoomAndPassedIsNotTold) {
     const Queue queue;
