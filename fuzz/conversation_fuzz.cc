@@ -13,6 +13,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "cli/commands.h"
 #include "fuzz/offline_client.h"
@@ -22,7 +23,7 @@
 #include "rules/rule_parser.h"
 
 // What an end by longjmp leaves behind is no leak of the tool's: its process would be gone. Its mappings are
-// undone here, since a process may have only so many.
+// undone here, since a process may have only so many, and the files that it leaves to the user.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() {
     return "detect_leaks=0";
@@ -41,6 +42,7 @@ bool playing = false;
 int exitStatus = -1;
 std::jmp_buf whereExitEnds;
 std::map<void*, std::size_t> mappings;  ///< those made while playing, with their sizes
+std::vector<std::string> editFiles;
 
 /// Each request is one whole frame; a rule set is committed only after the daemon has taken what was sent.
 void requireRequests(bool mayCommit) {
@@ -111,6 +113,8 @@ void* __real_mmap(void* address, std::size_t size, int protection, int flags, in
 void* __wrap_mmap(void* address, std::size_t size, int protection, int flags, int fd, off_t offset);
 int __real_munmap(void* address, std::size_t size);
 int __wrap_munmap(void* address, std::size_t size);
+int __real_mkostemp(char* path, int flags);
+int __wrap_mkostemp(char* path, int flags);
 EditorRun __wrap__Z16runEditorProcessPKcS0_(const char* editor, const char* path);
 int __wrap__Z10areYouSurePKc(const char* prompt);
 
@@ -133,6 +137,14 @@ void* __wrap_mmap(void* address, std::size_t size, int protection, int flags, in
 int __wrap_munmap(void* address, std::size_t size) {
     mappings.erase(address);
     return __real_munmap(address, size);
+}
+
+int __wrap_mkostemp(char* path, int flags) {
+    const int fd = __real_mkostemp(path, flags);
+    if (fd != -1) {
+        editFiles.emplace_back(path);
+    }
+    return fd;
 }
 
 EditorRun __wrap__Z16runEditorProcessPKcS0_(const char*, const char*) {
@@ -165,9 +177,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     mappings.clear();
     require(exitStatus == 0 || exitStatus == 2 || exitStatus == 5 || exitStatus == 80,
             "an unknown exit status");
-    if (!slots.editFile.empty()) {
-        (void)unlink(slots.editFile.c_str());  // it may be gone already
+    for (const std::string& file : editFiles) {
+        (void)unlink(file.c_str());  // it may be gone already
     }
+    editFiles.clear();
     (void)takeSent();
     return 0;
 }
