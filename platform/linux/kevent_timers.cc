@@ -190,6 +190,8 @@ void start(TimerSet& timers, Timer* timer, const struct kevent& change, int64_t 
     const int64_t time = mulClamped(change.data, unitNs(change.fflags));
     const bool absolute = (change.fflags & NOTE_ABSOLUTE) != 0;
     const int64_t delay = absolute ? addClamped(time, -clockNs(CLOCK_REALTIME)) : time;
+    // The caller's reading is older than that of the other clock: it would make the timer early.
+    if (absolute) nowNs = clockNs(CLOCK_MONOTONIC);
     const bool once = absolute || delay < 0 || (timer->flags & EV_ONESHOT) != 0;
     timer->period = once ? 0 : delay;
     timer->deadline = addClamped(nowNs, delay < 0 ? 0 : delay);

@@ -9,10 +9,10 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <ostream>
@@ -47,6 +47,15 @@ Pair pipePair() {
     std::array<int, 2> fds{-1, -1};
     EXPECT_EQ(pipe2(fds.data(), O_CLOEXEC), 0);
     return {Fd(fds[0]), Fd(fds[1])};
+}
+
+Fd temporaryFile() {
+    FILE* file = tmpfile();
+    EXPECT_NE(file, nullptr);
+    if (file == nullptr) return Fd();
+    Fd fd(dup(fileno(file)));
+    (void)fclose(file);
+    return fd;
 }
 
 Fd listenTcp() {
@@ -232,9 +241,14 @@ void raiseDescriptorLimit() {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 }
 
+int64_t nowNs(clockid_t clock) {
+    timespec ts{};
+    EXPECT_EQ(clock_gettime(clock, &ts), 0);
+    return ts.tv_sec * 1'000'000'000 + ts.tv_nsec;
+}
+
 int64_t nowMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+    return nowNs() / 1'000'000;
 }
 
 }  // namespace keventtest

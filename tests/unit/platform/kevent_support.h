@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include <atomic>
 #include <cstddef>
@@ -24,29 +25,23 @@ inline constexpr int kLimitMs = 20'000;
 inline constexpr int kSilenceMs = 30;
 inline constexpr unsigned kArm = EV_ADD | EV_ENABLE;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-inline constexpr bool kSanitized = true;
+#if defined(__has_feature)
+#define RV_HAS_FEATURE(feature) __has_feature(feature)
 #else
-inline constexpr bool kSanitized = false;
-#endif
-#else
-inline constexpr bool kSanitized = false;
+#define RV_HAS_FEATURE(feature) 0
 #endif
 
 /// ThreadSanitizer takes a close(2) beside another thread's wait for a race.
-#if defined(__SANITIZE_THREAD__)
-inline constexpr bool kSeesRaces = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
+#if defined(__SANITIZE_THREAD__) || RV_HAS_FEATURE(thread_sanitizer)
 inline constexpr bool kSeesRaces = true;
 #else
 inline constexpr bool kSeesRaces = false;
 #endif
+
+#if defined(__SANITIZE_ADDRESS__) || RV_HAS_FEATURE(address_sanitizer)
+inline constexpr bool kSanitized = true;
 #else
-inline constexpr bool kSeesRaces = false;
+inline constexpr bool kSanitized = kSeesRaces;
 #endif
 
 /// A descriptor with one owner.
@@ -75,6 +70,9 @@ struct Pair {
 Pair unixPair();
 Pair tcpPair();
 Pair pipePair();
+
+/// An empty file without a name, for reading and writing.
+Fd temporaryFile();
 
 /// A TCP socket that listens on a free port of the loopback address, and a blocking connection to it.
 Fd listenTcp();
@@ -161,6 +159,7 @@ class Waiter {
 /// Lets the process have as many descriptors as the system allows it.
 void raiseDescriptorLimit();
 
+int64_t nowNs(clockid_t clock = CLOCK_MONOTONIC);
 int64_t nowMs();
 
 MATCHER_P2(IsEvent, ident, filter, "") {

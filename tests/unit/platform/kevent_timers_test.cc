@@ -18,12 +18,6 @@ namespace {
 
 using namespace keventtest;
 
-int64_t nowNs(clockid_t clock = CLOCK_MONOTONIC) {
-    timespec ts{};
-    EXPECT_EQ(clock_gettime(clock, &ts), 0);
-    return ts.tv_sec * 1'000'000'000 + ts.tv_nsec;
-}
-
 struct kevent timer(uint64_t ident, unsigned flags, int64_t data, unsigned fflags = 0, int mark = 0) {
     return change(ident, EVFILT_TIMER, flags, data, fflags, mark);
 }
