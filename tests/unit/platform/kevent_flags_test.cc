@@ -132,10 +132,7 @@ TEST(KeventFlags, ClearFiresForWhatIsThereAlready) {
 
 TEST(KeventFlags, ClearOnARegularFileFiresOncePerChange) {
     const Queue queue;
-    FILE* file = tmpfile();
-    ASSERT_NE(file, nullptr);
-    const Fd fd(dup(fileno(file)));
-    (void)fclose(file);
+    const Fd fd = temporaryFile();
     ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_WRITE, kArm | EV_CLEAR)), 0);
     EXPECT_THAT(queue.next(), IsEvent(ident(fd), EVFILT_WRITE));
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
@@ -150,10 +147,7 @@ TEST(KeventFlags, ClearOnARegularFileFiresOncePerChange) {
 /// What was appended has the length of what was there before: the count alone does not tell.
 TEST(KeventFlags, ClearOnARegularFileFiresForAnAppendOfTheSameLength) {
     const Queue queue;
-    FILE* file = tmpfile();
-    ASSERT_NE(file, nullptr);
-    const Fd fd(dup(fileno(file)));
-    (void)fclose(file);
+    const Fd fd = temporaryFile();
     ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_READ, kArm | EV_CLEAR)), 0);
     ASSERT_EQ(pwrite(fd.get(), "abc", 3, 0), 3);
     EXPECT_EQ(queue.next().data, 3);
@@ -165,10 +159,7 @@ TEST(KeventFlags, ClearOnARegularFileFiresForAnAppendOfTheSameLength) {
 
 TEST(KeventFlags, ClearOnARegularFileFiresForTheSameLengthAfterItsEndWasSeen) {
     const Queue queue;
-    FILE* file = tmpfile();
-    ASSERT_NE(file, nullptr);
-    const Fd fd(dup(fileno(file)));
-    (void)fclose(file);
+    const Fd fd = temporaryFile();
     ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_READ, kArm | EV_CLEAR)), 0);
     ASSERT_EQ(pwrite(fd.get(), "abc", 3, 0), 3);
     EXPECT_EQ(queue.next().data, 3);

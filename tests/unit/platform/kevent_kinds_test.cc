@@ -40,7 +40,7 @@ int64_t roomOfTcp(int fd) {
     return room * mss / (mss + 2048);
 }
 
-/// Both ways of looking at it: with epoll, and in user space.
+/// WRITE alone, and beside a READ that was just reported.
 void expectRoom(const Pair& pair, int64_t room) {
     const Queue queue;
     ASSERT_EQ(queue.apply(change(ident(pair.writer), EVFILT_WRITE, kArm)), 0);
@@ -60,7 +60,7 @@ TEST(KeventKinds, RoomOfAnIdleTcpSocketLeavesWhatItsSegmentsCost) {
     expectRoom(pair, roomOfTcp(pair.writer.get()));
 }
 
-TEST(KeventKinds, RoomOfAnIdleUnixSocketIsTheSameInUserSpace) {
+TEST(KeventKinds, RoomOfAnIdleUnixSocketIsTheSameBesideRead) {
     const Pair pair = unixPair();
     int buffer = 0;
     socklen_t size = sizeof buffer;

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <ostream>
 
 #include "kevent_support.h"
@@ -200,10 +199,7 @@ TEST(KeventRead, SocketThatListensLaterFiresToo) {
 
 TEST(KeventRead, RegularFileCountsToItsEndAndIsSilentThere) {
     const Queue queue;
-    FILE* file = tmpfile();
-    ASSERT_NE(file, nullptr);
-    const Fd fd(dup(fileno(file)));
-    (void)fclose(file);
+    const Fd fd = temporaryFile();
     writeAll(fd.get(), "0123456789");
     ASSERT_EQ(lseek(fd.get(), 4, SEEK_SET), 4);
     ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_READ, kArm, 0, 0, 6)), 0);
@@ -219,10 +215,7 @@ TEST(KeventRead, RegularFileCountsToItsEndAndIsSilentThere) {
 
 TEST(KeventRead, RegularFileThatGrowsDuringTheWaitFires) {
     const Queue queue;
-    FILE* file = tmpfile();
-    ASSERT_NE(file, nullptr);
-    const Fd fd(dup(fileno(file)));
-    (void)fclose(file);
+    const Fd fd = temporaryFile();
     ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_READ, kArm)), 0);
     EXPECT_TRUE(queue.collect().empty());
     ASSERT_EQ(pwrite(fd.get(), "abc", 3, 0), 3);

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <thread>
 
 #include "kevent_support.h"
@@ -150,10 +149,7 @@ TEST_F(KeventTick, GoesOnInTheInstanceThatReplacesAnother) {
 }
 
 TEST_F(KeventTick, AFileThatCannotTickIsNotReadFrom) {
-    FILE* file = tmpfile();
-    ASSERT_NE(file, nullptr);
-    const Fd fd(dup(fileno(file)));
-    (void)fclose(file);
+    const Fd fd = temporaryFile();
     writeAll(fd.get(), "0123456789abcdef");
     ASSERT_EQ(lseek(fd.get(), 0, SEEK_SET), 0);
     keventTick(queue.fd(), fd.get(), 5'000'000);

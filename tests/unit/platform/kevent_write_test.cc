@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <ostream>
 #include <random>
 
@@ -369,10 +368,7 @@ TEST(KeventWrite, RefusedConnectIsTheEndOfBothDirections) {
 
 TEST(KeventWrite, RegularFileIsAlwaysWritable) {
     const Queue queue;
-    FILE* file = tmpfile();
-    ASSERT_NE(file, nullptr);
-    const Fd fd(dup(fileno(file)));
-    (void)fclose(file);
+    const Fd fd = temporaryFile();
     ASSERT_EQ(queue.apply(change(ident(fd), EVFILT_WRITE, kArm)), 0);
     EXPECT_EQ(queue.next().data, 65'536);
     EXPECT_EQ(queue.next().data, 65'536);
