@@ -61,9 +61,9 @@ class RvKQueue : public std::enable_shared_from_this<RvKQueue> {
     /// Lets the I/O thread run. Called once, on any thread.
     void start() noexcept;
 
-    /// Ends the I/O thread, stops all endpoints and closes the queue; the loop is of no use afterwards. Takes
-    /// about a second, for the thread is looked at once a second. Called once, on any thread except the I/O
-    /// thread: never from an event block.
+    /// Ends the I/O thread, stops all endpoints and closes the queue and the loop's other descriptors; the
+    /// loop is of no use afterwards. Takes about a second, for the thread is looked at once a second. Called
+    /// once, on any thread except the I/O thread: never from an event block.
     void stop() noexcept;
 
     /// Returns when the I/O thread has ended: after stop(), or because it found no memory, which is in the
