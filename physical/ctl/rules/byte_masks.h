@@ -15,8 +15,6 @@ struct ByteMasks {
     std::uint64_t lineFeeds = 0;  ///< line feeds
     std::uint64_t others = 0;     ///< what else has a meaning: NUL, "#" and backslash
     std::uint64_t high = 0;       ///< bytes above 0x7f
-
-    bool operator==(const ByteMasks&) const = default;
 };
 
 /// The masks of the kMaskBytes bytes from `text` on, with the vectors of the processor where they are known.

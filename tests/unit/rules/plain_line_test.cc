@@ -11,6 +11,11 @@
 #include "rules/byte_masks.h"
 #include "rules/rule_parser.h"
 
+bool operator==(const ByteMasks& a, const ByteMasks& b) {
+    return a.quotes == b.quotes && a.spaces == b.spaces && a.lineFeeds == b.lineFeeds &&
+           a.others == b.others && a.high == b.high;
+}
+
 namespace {
 
 const std::string kFarEnd(64, '\n');
@@ -91,6 +96,11 @@ TEST(PlainLine, TellsWhetherTheLineIsAscii) {
     EXPECT_FALSE(line.isAscii());
     ASSERT_NE(line.cut("a\n\xc3\xa4\n" + kFarEnd), 0U);
     EXPECT_TRUE(line.isAscii());
+    const std::string spaces(kMaskBytes, ' ');
+    ASSERT_NE(line.cut("\xc3\xa4" + spaces + "a\n" + kFarEnd), 0U);
+    EXPECT_FALSE(line.isAscii()) << "whatever follows";
+    ASSERT_NE(line.cut("a" + spaces + "\xc3\xa4\n" + kFarEnd), 0U);
+    EXPECT_FALSE(line.isAscii());
 }
 
 // Whatever it cuts, the two passes cut in the same way.

@@ -205,13 +205,23 @@ void letSignalsInterrupt() {
     ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
 }
 
+/// Whether the thread waits in the system call `number`; true as well where the system does not tell.
+bool waitsIn(pid_t thread, long number) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/syscall");
+    long call = -1;
+    return !file || ((file >> call) && call == number);
+}
+
 TEST_F(LoadAnyFile, SignalsDoNotCutStandardInputShort) {
     ASSERT_NO_FATAL_FAILURE(letSignalsInterrupt());
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     const pthread_t reader = ::pthread_self();
-    std::thread writer([reader, pipe = ends[1]] {
+    std::thread writer([reader, readerId = ::gettid(), pipe = ends[1]] {
         for (int piece = 0; piece < 200; ++piece) {
+            while (!waitsIn(readerId, SYS_read)) {
+                std::this_thread::yield();
+            }
             (void)::pthread_kill(reader, SIGUSR1);
             EXPECT_EQ(::write(pipe, "0123456789", 10), 10);
         }
@@ -225,13 +235,6 @@ TEST_F(LoadAnyFile, SignalsDoNotCutStandardInputShort) {
     writer.join();
     ASSERT_TRUE(content);
     EXPECT_EQ(content->size(), 2000U);
-}
-
-/// Whether the thread waits in the system call `number`; true as well where the system does not tell.
-bool waitsIn(pid_t thread, long number) {
-    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/syscall");
-    long call = -1;
-    return !file || ((file >> call) && call == number);
 }
 
 TEST_F(LoadAnyFile, SignalsDoNotCutAPipeShort) {

@@ -39,6 +39,18 @@ TEST(RuleParserRun, OnlyTheFirstErrorIsReported) {
     EXPECT_EQ(messages.take(), "Parsing error at rule #2\n");
 }
 
+TEST(RuleParserRun, WordsThatDifferFromAKeywordInTheEndAreErrors) {
+    CapturedStderr messages;
+    for (const char* const word :
+         {"override-namf", "override-seriam", "override-namee", "takeawaz", "built-iN"}) {
+        for (const char* const end :
+             {"\n", " # far from the end of the text, which lies behind this remark\nshare\n"}) {
+            EXPECT_EQ(rule_parser_run("share " + std::string(word) + " x" + end), nullptr) << word;
+            EXPECT_EQ(messages.take(), "Parsing error at rule #1\n") << word;
+        }
+    }
+}
+
 TEST(RuleParserRun, BlankAndCommentLinesAreNotCounted) {
     CapturedStderr messages;
     EXPECT_EQ(rule_parser_run("\n\n\n# one\n  # two\nbad\n"), nullptr);
