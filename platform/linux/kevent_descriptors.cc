@@ -130,7 +130,7 @@ void merge(Knote& knote, const struct kevent& change) {
 /// WRITE of a socket whose READ knote lets epoll watch over it, level-triggered, for the end of the
 /// connection.
 bool fitsUserSpace(const Entry& entry) {
-    if (!entry.connected || entry.alwaysReady || entry.parked) return false;
+    if (!entry.connected || entry.parked) return false;
     if (entry.kind != FileKind::kUnixStream && entry.kind != FileKind::kTcp) return false;
     return entry.read.enabled && (entry.read.flags & (EV_CLEAR | EV_ONESHOT | EV_DISPATCH)) == 0 &&
            (entry.write.flags & (EV_CLEAR | EV_ONESHOT | EV_DISPATCH)) == 0 &&
@@ -251,11 +251,14 @@ int changeDescriptor(Kqueue& queue, const struct kevent& change, bool userSpace)
 }
 
 void handToEpoll(Kqueue& queue, bool keepNew) {
-    for (Entry* entry = queue.knotes.writable.first; entry != nullptr;) {
+    Entry* entry = queue.knotes.writable.first;
+    for (size_t left = queue.knotes.writable.count; left > 0; --left) {
         Entry* next = entry->writable.next;
         if (!keepNew || entry->armed != queue.call) {
             setWritable(queue.knotes, *entry, false);
-            if (modify(queue, *entry) == kGone) resetEntry(queue.knotes, *entry);
+            const int result = modify(queue, *entry);
+            if (result == kGone) resetEntry(queue.knotes, *entry);
+            if (result > 0) setWritable(queue.knotes, *entry, true);  // at the end; the next call tries again
         }
         entry = next;
     }

@@ -612,6 +612,30 @@ TEST(KeventFault, AChangeThatTheKernelRefusesLeavesTheOtherFilter) {
     EXPECT_EQ(queue.collect().size(), 2U);
 }
 
+/// WRITE was told without epoll, which does not watch for it then.
+TEST(KeventFault, AChangeThatTheKernelRefusesLeavesTheAnswers) {
+    const Queue queue;
+    keventLeaveUncounted(queue.fd());
+    const Pair pairs[] = {unixPair(), unixPair()};
+    std::vector<struct kevent> answers;
+    for (const Pair& pair : pairs) {
+        const auto fd = static_cast<uint64_t>(pair.reader.get());
+        ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm)), 0);
+        writeAll(pair.writer.get(), "x");
+        EXPECT_EQ(queue.next().data, 1);
+        EXPECT_EQ(readSome(pair.reader.get()), "x");
+        answers.push_back(change(fd, EVFILT_WRITE, kArm));
+    }
+    EXPECT_EQ(queue.collect(kLimitMs, 64, answers).size(), 2U);
+    refusedOperation = EPOLL_CTL_MOD;
+    refusal = ENOMEM;
+    const auto refused = queue.collect(0, 64, {change(answers[0].ident, EVFILT_READ, EV_DISABLE)});
+    refusedOperation = 0;
+    ASSERT_EQ(refused.size(), 1U);
+    EXPECT_EQ(refused[0].data, ENOMEM);
+    EXPECT_EQ(queue.collect(kLimitMs).size(), 2U);
+}
+
 TEST(KeventFault, WakeUpThatTheKernelRefusesLeavesNoDescriptorBehind) {
     const Queue queue;
     Waiter waiter(queue);

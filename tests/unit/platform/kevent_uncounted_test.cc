@@ -1,6 +1,9 @@
 /// A queue that leaves bytes uncounted: for which events, and what keventCount makes of them.
+#include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <set>
 #include <utility>
 #include <vector>
@@ -20,11 +23,34 @@ class KeventUncounted : public testing::TestWithParam<Pair (*)()> {
     KeventUncounted() { keventLeaveUncounted(queue.fd()); }
 
     /// The first event of a connection is counted: that is how the queue learns that there is one.
-    void becomeKnown() {
-        ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm, 0, 0, 1)), 0);
+    void becomeKnown(unsigned flags = 0, int mark = 1) {
+        ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm | flags, 0, 0, mark)), 0);
         writeAll(pair.writer.get(), "first");
         EXPECT_EQ(queue.next().data, 5);
         EXPECT_EQ(readSome(pair.reader.get()), "first");
+    }
+
+    /// Has READ told by the last call, as to a caller that is about to answer.
+    void hearOfInput() {
+        writeAll(pair.writer.get(), "again");
+        EXPECT_THAT(queue.next(), IsEvent(ident(pair.reader), EVFILT_READ));
+    }
+
+    std::vector<struct kevent> writesOf(const std::vector<struct kevent>& changes, int ms = kLimitMs) const {
+        return only(queue.collect(ms, 64, changes), EVFILT_WRITE);
+    }
+
+    struct kevent arm(int mark = 1, unsigned flags = 0) const {
+        return change(ident(pair.reader), EVFILT_WRITE, kArm | flags, 0, 0, mark);
+    }
+
+    /// Opens another file under the number, and adds WRITE to that one: nothing of the old one is left.
+    void expectAFreshStart(int mark) {
+        const Pair other = GetParam()();
+        ASSERT_NE(dup2(other.reader.get(), pair.reader.get()), -1);
+        EXPECT_THAT(writesOf({arm(mark)}), testing::SizeIs(1));
+        EXPECT_THAT(writesOf({}), testing::SizeIs(1)) << "it stays writable";
+        EXPECT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_DELETE)), ENOENT);
     }
 
     const Queue queue;
@@ -119,6 +145,78 @@ TEST_P(KeventUncounted, AWriteThatFoundNoRoomWaitsForIt) {
     EXPECT_THAT(only(queue.collect(kLimitMs, 64, {arm}), EVFILT_WRITE), testing::SizeIs(1));
     EXPECT_THAT(queue.collect(kSilenceMs), testing::IsEmpty());
     while (only(queue.collect(), EVFILT_WRITE).empty()) (void)readSome(pair.writer.get());
+}
+
+TEST_P(KeventUncounted, AWriteThatIsNoAnswerOnAKnownConnectionWaitsForRoom) {
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm, 0, 0, 1)), 0);
+    fill(pair.reader.get());
+    EXPECT_THAT(writesOf({arm()}, kSilenceMs), testing::IsEmpty()) << "whether it is connected is not known";
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), 0);
+    becomeKnown();
+    for (const unsigned flag : {EV_CLEAR, EV_ONESHOT, EV_DISPATCH}) {
+        EXPECT_THAT(writesOf({arm(1, flag)}, kSilenceMs), testing::IsEmpty()) << flag;
+        ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), 0);
+    }
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_DISABLE)), 0);
+    EXPECT_THAT(writesOf({arm()}, kSilenceMs), testing::IsEmpty()) << "nobody watches for the end";
+}
+
+TEST_P(KeventUncounted, AWriteBesideAnEdgeWaitsForRoom) {
+    becomeKnown(EV_CLEAR);
+    fill(pair.reader.get());
+    EXPECT_THAT(writesOf({arm()}, kSilenceMs), testing::IsEmpty());
+}
+
+TEST_P(KeventUncounted, AWriteBesideADispatchedReadWaitsForRoom) {
+    becomeKnown(EV_DISPATCH);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_ENABLE)), 0);
+    fill(pair.reader.get());
+    EXPECT_THAT(writesOf({arm()}, kSilenceMs), testing::IsEmpty());
+}
+
+TEST_P(KeventUncounted, AnAnswerThatIsTakenBackAtOnceIsNotTold) {
+    becomeKnown();
+    const auto disarm = change(ident(pair.reader), EVFILT_WRITE, EV_DELETE);
+    const auto disable = change(ident(pair.reader), EVFILT_WRITE, EV_DISABLE);
+    EXPECT_THAT(writesOf({arm(), disarm}, 0), testing::IsEmpty());
+    EXPECT_THAT(writesOf({arm(), disable}, 0), testing::IsEmpty());
+    EXPECT_THAT(writesOf({arm()}), testing::SizeIs(1));
+    EXPECT_THAT(writesOf({arm(), disarm}, 0), testing::IsEmpty()) << "the last call told of it";
+    EXPECT_THAT(writesOf({}, kSilenceMs), testing::IsEmpty());
+}
+
+TEST_P(KeventUncounted, AnAnswerStaysWhenReadIsDeleted) {
+    becomeKnown();
+    writeAll(pair.writer.get(), "again");
+    waitReadable(pair.reader.get(), 5);
+    std::size_t told = 0;
+    for (int calls = 0; told != 2 && calls < 4; ++calls) told = queue.collect(kLimitMs, 64, {arm()}).size();
+    ASSERT_EQ(told, 2U) << "READ and WRITE";
+    EXPECT_THAT(queue.collect(kLimitMs, 64, {change(ident(pair.reader), EVFILT_READ, EV_DELETE)}),
+                testing::ElementsAre(IsEvent(ident(pair.reader), EVFILT_WRITE)));
+}
+
+TEST_P(KeventUncounted, AnotherFileIsNotTakenForTheOneThatIsAnswered) {
+    becomeKnown();
+    hearOfInput();
+    expectAFreshStart(2);
+}
+
+TEST_P(KeventUncounted, ANullPointerDoesNotTellThatTheFileIsTheSame) {
+    becomeKnown(0, 0);
+    hearOfInput();
+    expectAFreshStart(0);
+}
+
+TEST_P(KeventUncounted, AnAnswerComesInTheCallAfterItsQuestion) {
+    for (int calls = 1; calls <= 2; ++calls) {
+        pair = GetParam()();
+        becomeKnown();
+        hearOfInput();
+        EXPECT_EQ(readSome(pair.reader.get()), "again");
+        for (int i = 0; i < calls; ++i) EXPECT_THAT(queue.collect(0), testing::IsEmpty());
+        expectAFreshStart(1);
+    }
 }
 
 TEST_P(KeventUncounted, InputIsSeenBetweenAnswersWithoutEnd) {
@@ -271,6 +369,40 @@ TEST_F(KeventManyInputs, DoNotKeepATimerWaiting) {
         fired = !only(queue.collect(0), EVFILT_TIMER).empty();
     }
     EXPECT_TRUE(fired);
+}
+
+TEST(KeventUncountedQueue, MessagesAreCountedAndWaitForRoom) {
+    const Queue queue;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const Pair pair = {Fd(ends[0]), Fd(ends[1])};
+    keventLeaveUncounted(queue.fd());
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm, 0, 0, 1)), 0);
+    for (int i = 0; i < 2; ++i) {
+        writeAll(pair.writer.get(), "abc");
+        EXPECT_EQ(queue.next().data, 3);
+        EXPECT_EQ(readSome(pair.reader.get()), "abc");
+    }
+    ASSERT_EQ(fcntl(pair.reader.get(), F_SETFL, O_NONBLOCK), 0);
+    while (write(pair.reader.get(), "message", 7) == 7) continue;
+    const auto arm = change(ident(pair.reader), EVFILT_WRITE, kArm, 0, 0, 1);
+    EXPECT_THAT(queue.collect(kSilenceMs, 64, {arm}), testing::IsEmpty());
+}
+
+/// Its end is what READ would tell, and there is no end where there is no connection any more.
+TEST(KeventUncountedQueue, AConnectionThatIsTakenBackIsNotWritable) {
+    const Queue queue;
+    const Pair pair = tcpPair();
+    keventLeaveUncounted(queue.fd());
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm, 0, 0, 1)), 0);
+    writeAll(pair.writer.get(), "first");
+    EXPECT_EQ(queue.next().data, 5);
+    sockaddr nobody{};
+    nobody.sa_family = AF_UNSPEC;
+    ASSERT_EQ(connect(pair.reader.get(), &nobody, sizeof nobody), 0);
+    EXPECT_THAT(queue.collect(kSilenceMs), testing::IsEmpty());
+    const auto arm = change(ident(pair.reader), EVFILT_WRITE, kArm, 0, 0, 1);
+    EXPECT_THAT(queue.collect(kSilenceMs, 64, {arm}), testing::IsEmpty());
 }
 
 TEST(KeventUncountedQueue, PipesAreCounted) {
