@@ -224,6 +224,8 @@ int addToEpoll(Kqueue& queue, Entry& entry) {
 }
 
 int addEntry(Kqueue& queue, int fd, const struct kevent& change) {
+    // The table reaches up to the largest number: one that is not open must not make it grow.
+    if (findEntry(queue.knotes, fd) == nullptr && fcntl(fd, F_GETFD) == -1) return EBADF;
     Entry* entry = makeEntry(queue.knotes, fd);
     if (entry == nullptr) return ENOMEM;
     merge(change.filter == EVFILT_READ ? entry->read : entry->write, change);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -582,6 +583,15 @@ int applyRefused(const Queue& queue, const struct kevent& one, int operation, in
     const int result = queue.apply(one);
     refusedOperation = 0;
     return result;
+}
+
+TEST(KeventFault, ANumberThatIsNotOpenNeedsNoMemory) {
+    const Queue queue;
+    for (const int fd : {5000, 1 << 30, INT_MAX}) {
+        countdown = 1;
+        EXPECT_EQ(queue.apply(change(static_cast<uint64_t>(fd), EVFILT_READ, kArm)), EBADF) << fd;
+        EXPECT_EQ(std::exchange(countdown, 0), 1) << fd;
+    }
 }
 
 TEST(KeventFault, AWatchThatTheKernelRefusesIsNotThere) {
