@@ -17,6 +17,7 @@
 #include <ctime>
 #include <functional>
 #include <ostream>
+#include <set>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -530,8 +531,36 @@ TEST(KeventFault, LevelSocketWithNothingToTellIsWaitedForInEpoll) {
     EXPECT_LE(waitsInSilence(queue), kFewWaits);
 }
 
+/// The stale entry of a number that was closed while a duplicate lives is left behind in the old instance of
+/// epoll; everything else moves to a new one.
+TEST(KeventFault, StaleEntryTakesNothingAlong) {
+    const Queue queue;
+    const Fd file = temporaryFile();
+    writeAll(file.get(), "abc");
+    ASSERT_EQ(lseek(file.get(), 0, SEEK_SET), 0);
+    const Pair pair = unixPair();
+    const Fd far(fcntl(pair.reader.get(), F_DUPFD_CLOEXEC, 128));
+    ASSERT_EQ(far.get() % 64, 0) << "the first of a page of knotes";
+    for (const Fd* fd : {&file, &far, &pair.reader}) {
+        ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(fd->get()), EVFILT_READ, kArm)), 0);
+    }
+    Pair stale = unixPair();
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(stale.reader.get()), EVFILT_READ, kArm)), 0);
+    const Fd copy(dup(stale.reader.get()));
+    stale.reader.reset();
+    writeAll(stale.writer.get(), "to the copy");
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(queue.collect().size(), 1U) << "the file";
+    writeAll(pair.writer.get(), "x");
+    std::set<uint64_t> told;
+    for (const auto& event : queue.collect()) told.insert(event.ident);
+    EXPECT_EQ(told, (std::set<uint64_t>{static_cast<uint64_t>(file.get()), static_cast<uint64_t>(far.get()),
+                                        static_cast<uint64_t>(pair.reader.get())}));
+}
+
 TEST(KeventFault, StaleEntryWithoutADescriptorForTheNewInstanceIsSilentStill) {
     const Queue queue;
+    const Pair other = unixPair();
+    ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(other.reader.get()), EVFILT_READ, kArm)), 0);
     Pair pair = unixPair();
     ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(pair.reader.get()), EVFILT_READ, kArm)), 0);
     const Fd copy(dup(pair.reader.get()));
@@ -551,6 +580,8 @@ TEST(KeventFault, StaleEntryWithoutADescriptorForTheNewInstanceIsSilentStill) {
     EXPECT_LE(waits, 2 * took + kFewWaits) << "it pauses before it tries again";
     EXPECT_EQ(longestPauseNs, 1'000'000);
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+    writeAll(other.writer.get(), "x");
+    EXPECT_THAT(queue.next(), IsEvent(other.reader.get(), EVFILT_READ));
 }
 
 /// As if the thread had lost its processor between the readings of two clocks.
