@@ -59,6 +59,37 @@ TEST(ByteBuffer, MoreThanAnyMemoryIsRefusedAndNothingLost) {
     EXPECT_EQ("abc", textOf(buffer));
 }
 
+TEST(ByteBuffer, SpareRoomIsHadWithoutMoreStorage) {
+    ByteBuffer buffer;
+    ASSERT_TRUE(buffer.append("abc", 3));
+    const std::size_t room = buffer.spare();
+    ASSERT_NE(nullptr, buffer.prepare(room));
+    EXPECT_EQ(room, buffer.spare());
+}
+
+TEST(ByteBuffer, TheRoomOfWhatWasDroppedServesAgain) {
+    ByteBuffer buffer;
+    ASSERT_TRUE(buffer.append("a", 1));
+    const std::string rest(buffer.spare(), 'b');
+    ASSERT_TRUE(buffer.append(rest.data(), rest.size()));
+    const std::size_t dropped = (buffer.size() + 1) / 2;
+    buffer.drop(dropped);
+    ASSERT_EQ(0u, buffer.spare());
+    ASSERT_NE(nullptr, buffer.prepare(dropped));
+    EXPECT_EQ(dropped, buffer.spare());
+    EXPECT_EQ(rest.substr(dropped - 1), textOf(buffer));
+}
+
+TEST(ByteBuffer, WhatWasDroppedIsNoRoomInNewStorage) {
+    ByteBuffer buffer;
+    ASSERT_TRUE(buffer.append("ab", 2));
+    buffer.drop(1);
+    const std::string much(5000, 'x');
+    ASSERT_TRUE(buffer.append(much.data(), much.size()));
+    EXPECT_EQ("b" + much, textOf(buffer));
+    EXPECT_LE(buffer.spare(), much.size());
+}
+
 TEST(ByteBuffer, ASlidingWindowKeepsItsBytes) {
     ByteBuffer buffer;
     unsigned char in = 0;
@@ -108,10 +139,10 @@ TEST(ByteBuffer, StorageThatStaysMostlyEmptyIsGivenBack) {
 TEST(ByteBuffer, LargeStorageIsGivenBackAtOnce) {
     ByteBuffer buffer;
     const std::string much(std::size_t{8} << 20, 'x');
-    for (const std::size_t left : {3U, 0U}) {
+    for (const std::size_t left : {3U, 1U, 0U}) {
         ASSERT_TRUE(buffer.append(much.data(), much.size() - buffer.size()));
         buffer.drop(much.size() - left);
-        EXPECT_LE(buffer.spare(), ByteBuffer::kKeptBytes);
+        EXPECT_LE(buffer.spare(), left == 0 ? 0 : ByteBuffer::kKeptBytes);
         EXPECT_EQ(std::string(left, 'x'), textOf(buffer));
     }
 }
@@ -131,16 +162,22 @@ TEST(ByteBuffer, SwapExchangesEverything) {
     ByteBuffer other;
     ASSERT_TRUE(one.append("one", 3));
     one.drop(1);
+    const std::size_t room = one.spare();
     one.swap(other);
     EXPECT_TRUE(one.isEmpty());
+    EXPECT_EQ(0u, one.spare());
     EXPECT_EQ("ne", textOf(other));
+    EXPECT_EQ(room, other.spare());
 }
 
-TEST(ByteBuffer, ClearKeepsNothing) {
+TEST(ByteBuffer, ClearKeepsTheStorageAlone) {
     ByteBuffer buffer;
     ASSERT_TRUE(buffer.append("abc", 3));
+    const std::size_t room = buffer.spare() + 3;
+    buffer.drop(1);
     buffer.clear();
     EXPECT_TRUE(buffer.isEmpty());
+    EXPECT_EQ(room, buffer.spare());
 }
 
 }  // namespace

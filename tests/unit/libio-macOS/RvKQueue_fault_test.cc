@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "libio-macOS/ByteBuffer.h"
 #include "libio-macOS/EventBlockSlot.h"
 #include "libio-macOS/OutputRun.h"
 #include "libio-macOS/RvKQueue.h"
@@ -564,6 +565,47 @@ TEST_F(RvKQueueEndpointFault, OutputThatFindsNoRoomEndsTheStream) {
     EXPECT_EQ(2, recorder.count(kEventClosed));
     pair.close(0);
     EXPECT_EQ("", readExactly(pair[1], 100));  // no byte goes out beyond the hole
+}
+
+// Fills the storage that a buffer starts with.
+std::string fillUp(ByteBuffer* buffer) {
+    EXPECT_TRUE(buffer->append("a", 1));
+    const std::string rest(buffer->spare(), 'b');
+    EXPECT_TRUE(buffer->append(rest.data(), rest.size()));
+    return "a" + rest;
+}
+
+std::string textOf(const ByteBuffer& buffer) {
+    return {buffer.data(), buffer.size()};
+}
+
+TEST_F(RvKQueueEndpointFault, ABufferThatCannotGrowByAFactorGrowsByWhatIsNeeded) {
+    ByteBuffer buffer;
+    const std::string full = fillUp(&buffer);
+    faults::failHere(Kind::kRealloc, 1);
+    EXPECT_TRUE(buffer.append("c", 1));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(full + "c", textOf(buffer));
+}
+
+TEST_F(RvKQueueEndpointFault, ABufferThatCannotGrowKeepsItsBytes) {
+    ByteBuffer buffer;
+    const std::string full = fillUp(&buffer);
+    faults::failHere(Kind::kRealloc, 1, 2);
+    EXPECT_FALSE(buffer.append("c", 1));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(full, textOf(buffer));
+}
+
+TEST_F(RvKQueueEndpointFault, ABufferThatCannotGrowUsesTheRoomOfWhatWasDropped) {
+    ByteBuffer buffer;
+    const std::string full = fillUp(&buffer);
+    const std::string few(full.size() / 4, 'c');  // so few that growth is preferred to moving the others
+    buffer.drop(few.size());
+    faults::failHere(Kind::kRealloc, 1, 2);
+    EXPECT_TRUE(buffer.append(few.data(), few.size()));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(full.substr(few.size()) + few, textOf(buffer));
 }
 
 TEST_F(RvKQueueEndpointFault, OutputThatCannotBeJoinedStaysWhereItIs) {

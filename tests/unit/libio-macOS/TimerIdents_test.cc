@@ -39,6 +39,7 @@ TEST(TimerIdents, FindingDoesNotTake) {
     EXPECT_EQ(0, take(idents));
     EXPECT_TRUE(idents.contains(0));
     EXPECT_FALSE(idents.contains(1));
+    EXPECT_FALSE(idents.contains(64));
     EXPECT_FALSE(idents.contains(1000000));
     EXPECT_FALSE(idents.contains(-1));
 }
@@ -49,6 +50,9 @@ TEST(TimerIdents, WhenAllAreInUseThereIsNone) {
     EXPECT_EQ(1, take(idents));
     EXPECT_EQ(2, take(idents));
     EXPECT_EQ(-1, take(idents));
+    std::optional<std::int32_t> free = 2;
+    ASSERT_TRUE(idents.findFree(&free));
+    EXPECT_FALSE(free.has_value());
     idents.erase(1);
     EXPECT_EQ(1, take(idents));
 }
