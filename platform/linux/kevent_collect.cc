@@ -112,12 +112,14 @@ bool isOldNews(const Entry& entry, const Knote& knote, const Readiness& readines
            knote.told == readiness.data && knote.toldSize == readiness.size;
 }
 
-/// Returns false if there was no room to look at the filter.
+/// Returns false if there was no room to tell of the filter.
 bool deliverFilter(Collector& c, Entry& entry, unsigned filter, uint32_t events) {
     Knote& knote = filter == kRead ? entry.read : entry.write;
     if (!knote.enabled || knote.reported == c.queue.call) return true;
-    if (c.full()) return false;
+    const bool isEdgeTaken = (entry.mask & EPOLLET) != 0;  // then it matters whether something is missed
+    if (c.full() && !isEdgeTaken) return false;
     const Readiness readiness = readinessOf(c.queue, entry, filter, events);
+    if (c.full()) return !readiness.active;
     if (!readiness.active) knote.wasTold = false;
     if (!readiness.active || isOldNews(entry, knote, readiness)) return true;
     emit(c, entry, knote, filter == kRead ? EVFILT_READ : EVFILT_WRITE, readiness);
@@ -166,9 +168,10 @@ void pollLevelBesideEdge(Collector& c, Entry& entry) {
 }
 
 /// An entry that counts nothing and is told by edge, such as the eventfd that wakes an event loop, costs no
-/// call at all beyond the wait: its number is believed.
-bool isTrusted(const Entry& entry) {
-    return entry.countless && entry.read.enabled && !isLevel(entry.read) && !entry.write.present;
+/// call at all beyond the wait: its number is believed where the caller vouches for it.
+bool isTrusted(const Kqueue& queue, const Entry& entry) {
+    return queue.uncounted && entry.countless && entry.read.enabled && !isLevel(entry.read) &&
+           !entry.write.present;
 }
 
 /// A number that the caller vouches for is checked now and then, so that one which was closed while a
@@ -215,7 +218,7 @@ void takeReport(Collector& c, const epoll_event& report) {
     }
     if (entry->seen == c.queue.call) c.repeated = true;
     if (!entry->read.enabled && !entry->write.enabled) return;  // a hang-up that nobody asked for
-    if (!isTrusted(*entry) && !isVouchedFor(c.queue, *entry, report.events)) {
+    if (!isTrusted(c.queue, *entry) && !isVouchedFor(c.queue, *entry, report.events)) {
         entry->unchecked = 0;
         if (!checkEntry(c.queue, *entry)) {
             c.stale = true;
@@ -313,8 +316,7 @@ uint32_t lookAt(const Entry& entry, unsigned filters) {
     short events = 0;
     if ((filters & kRead) != 0) events = POLLIN | POLLRDHUP;
     if ((filters & kWrite) != 0) events = static_cast<short>(events | POLLOUT);
-    pollfd request{entry.fd, events, 0};
-    return poll(&request, 1, 0) == 1 ? static_cast<uint32_t>(request.revents) : 0;
+    return askPoll(entry.fd, events);
 }
 
 void takePolledEntry(Collector& c, Entry& entry) {
@@ -399,15 +401,17 @@ int64_t waitTime(Collector& c) {
     return polls && left > kPollIntervalNs ? kPollIntervalNs : left;
 }
 
-/// Replaces the epoll instance if it reported a registration that is gone.
-void dropStale(Collector& c) {
-    if (!c.stale) return;
+/// Replaces the epoll instance if it reported a registration that is gone. Returns true if it did: what stood
+/// behind such a report has not been seen yet.
+bool dropStale(Collector& c) {
+    if (!c.stale) return false;
     c.stale = false;
-    if (rebuild(c.queue)) return;
+    if (rebuild(c.queue)) return true;
     (void)pthread_mutex_unlock(&c.queue.lock);
     const timespec pause{0, kRebuildPauseNs};
     (void)nanosleep(&pause, nullptr);  // the stale entry would make every wait return at once
     (void)pthread_mutex_lock(&c.queue.lock);
+    return false;
 }
 
 int64_t timeoutNs(const timespec* timeout) {
@@ -421,13 +425,13 @@ bool collectUntil(Collector& c) {
     for (;;) {
         if (c.queue.knotes.polled.count > 0) askParked(c.queue);
         if (hasUserSpaceEvents(c) && !takeReady(c)) return false;
-        dropStale(c);
+        if (dropStale(c) && !takeEpoll(c, 0)) return false;
         if (c.count > 0 || (waited && hasExpired(c))) return true;
         handToEpoll(c.queue, false);
         if (!takeEpoll(c, waitTime(c))) return false;
         if (!c.ticked) noteWait(c);
         waited = true;
-        dropStale(c);
+        if (dropStale(c) && !takeEpoll(c, 0)) return false;
         if (c.count > 0) {
             takeTimers(c);
             return true;

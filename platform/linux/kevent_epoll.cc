@@ -3,6 +3,7 @@
 /// kevent() applies its changes one after the other, answers failures with records, and goes on to collect
 /// events (kevent_collect.h) if there were none.
 #include <errno.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -122,7 +123,8 @@ int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent*
     const int result = finish(*queue, records, eventlist, nevents, timeout);
     // A closed queue has neither events nor changes that fail: if the kernel was not asked about it so far,
     // it is now.
-    if (queue->kernelSeen || queue->epollSkipped || isEpoll(queue->fd)) return result;
+    const bool skippedEpoll = queue->epollSkipped && result > 0;  // in this call
+    if (queue->kernelSeen || skippedEpoll || isEpoll(queue->fd)) return result;
     errno = EBADF;
     return -1;
 }
@@ -154,8 +156,8 @@ int keventCount(struct kevent* event) {
     classify(entry);
     const bool reads = event->filter == EVFILT_READ;
     const uint32_t events = (event->flags & EV_EOF) != 0 ? EPOLLHUP | EPOLLRDHUP : 0;
-    const Readiness readiness =
-        reads ? readReadiness(entry, events | EPOLLIN) : writeReadiness(entry, events | EPOLLOUT);
+    const Readiness readiness = reads ? readReadiness(entry, events | EPOLLIN)
+                                      : writeReadiness(entry, events | askPoll(entry.fd, POLLOUT));
     event->data = readiness.data;
     if (readiness.endOfFile) event->flags |= EV_EOF;
     return readiness.active ? 1 : 0;

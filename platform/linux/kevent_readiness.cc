@@ -49,11 +49,6 @@ FileKind kindOfSocket(int fd) {
     return tcp ? FileKind::kTcp : FileKind::kOtherStream;
 }
 
-uint32_t askPoll(int fd, short events) {
-    pollfd request{fd, events, 0};
-    return poll(&request, 1, 0) == 1 ? static_cast<uint32_t>(request.revents) : 0;
-}
-
 /// The number of connections that wait on a listening socket. AF_UNIX does not tell; any caller of accept()
 /// that believes in one connection will see EAGAIN or find another.
 int64_t waitingConnections(const Entry& entry) {
@@ -171,6 +166,11 @@ bool wasShutDown(const Entry& entry) {
 }
 
 }  // namespace
+
+uint32_t askPoll(int fd, short events) {
+    pollfd request{fd, events, 0};
+    return poll(&request, 1, 0) == 1 ? static_cast<uint32_t>(request.revents) : 0;
+}
 
 void classify(Entry& entry) {
     if (entry.kind != FileKind::kUnknown) return;

@@ -19,6 +19,9 @@ struct Readiness {
     int64_t size = 0;  // of a regular file
 };
 
+/// What poll(2) says at this moment; 0 if nothing of what is asked for.
+uint32_t askPoll(int fd, short events);
+
 /// Finds out the kind of the entry's file, once.
 void classify(Entry& entry);
 

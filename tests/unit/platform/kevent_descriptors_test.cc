@@ -294,6 +294,17 @@ TEST_P(KeventHeldFile, CloseEndsTheKnoteOfAFileThatCountsNothing) {
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
 }
 
+TEST(KeventDescriptors, CloseEndsTheEdgeOfAFileThatCountsNothing) {
+    const Queue queue;
+    Fd counter(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+    ASSERT_EQ(queue.apply(change(ident(counter), EVFILT_READ, kArm | EV_CLEAR)), 0);
+    EXPECT_THAT(queue.next(), IsEvent(ident(counter), EVFILT_READ));
+    const Fd copy(dup(counter.get()));
+    counter.reset();
+    writeAll(copy.get(), std::string("\1\0\0\0\0\0\0\0", 8));
+    EXPECT_TRUE(queue.collect(kSilenceMs).empty());
+}
+
 TEST_P(KeventHeldFile, CloseEndsTheKnotesOfAPipeInAQueueThatLeavesSocketsUncounted) {
     const Queue queue;
     keventLeaveUncounted(queue.fd());

@@ -557,6 +557,24 @@ TEST(KeventFault, StaleEntryTakesNothingAlong) {
                                         static_cast<uint64_t>(pair.reader.get())}));
 }
 
+/// epoll reports as many as the list has room for, and the stale ones are among them.
+TEST(KeventFault, StaleEntriesLeaveTheListToOthers) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto arm = change(static_cast<uint64_t>(pair.reader.get()), EVFILT_WRITE, kArm);
+    std::vector<Fd> copies;
+    for (const int count : {1, 20}) {
+        for (int i = 0; i < count; ++i) {
+            const Pair stale = unixPair();
+            ASSERT_EQ(queue.apply(change(static_cast<uint64_t>(stale.reader.get()), EVFILT_WRITE, kArm)), 0);
+            copies.emplace_back(dup(stale.reader.get()));
+        }
+        ASSERT_EQ(queue.apply(arm), 0);
+        EXPECT_THAT(queue.collect(0, 1), testing::ElementsAre(IsEvent(arm.ident, EVFILT_WRITE))) << count;
+        ASSERT_EQ(queue.apply(change(arm.ident, EVFILT_WRITE, EV_DELETE)), 0);
+    }
+}
+
 TEST(KeventFault, StaleEntryWithoutADescriptorForTheNewInstanceIsSilentStill) {
     const Queue queue;
     const Pair other = unixPair();

@@ -130,6 +130,21 @@ TEST(KeventFlags, ClearFiresForWhatIsThereAlready) {
     EXPECT_EQ(queue.next().data, 3) << "enabling looks again";
 }
 
+/// With a list of one READ comes first, and WRITE was nothing to tell of then.
+TEST(KeventFlags, ClearThatWasNotActiveWhenTheListWasFullFiresOnce) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    fill(pair.reader.get());
+    writeAll(pair.writer.get(), "x");
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, kArm)), 0);
+    ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, kArm | EV_CLEAR)), 0);
+    EXPECT_THAT(queue.collect(0, 1), testing::ElementsAre(IsEvent(ident(pair.reader), EVFILT_READ)));
+    ASSERT_EQ(fcntl(pair.writer.get(), F_SETFL, O_NONBLOCK), 0);
+    while (!readSome(pair.writer.get()).empty()) continue;
+    EXPECT_THAT(only(queue.collect(0, 2), EVFILT_WRITE), testing::SizeIs(1));
+    for (int i = 0; i < 3; ++i) EXPECT_THAT(only(queue.collect(), EVFILT_WRITE), testing::IsEmpty());
+}
+
 TEST(KeventFlags, ClearOnARegularFileFiresOncePerChange) {
     const Queue queue;
     const Fd fd = temporaryFile();

@@ -53,7 +53,8 @@ class KeventUncounted : public testing::TestWithParam<Pair (*)()> {
         EXPECT_EQ(queue.apply(change(ident(pair.reader), EVFILT_READ, EV_DELETE)), ENOENT);
     }
 
-    const Queue queue;
+    Queue queue;
+    const int closedQueue = queue.fd();  // once it is closed
     Pair pair = GetParam()();
 };
 
@@ -136,6 +137,23 @@ TEST_P(KeventUncounted, CountOfAWriteIsTheRoom) {
     auto event = queue.collect(kLimitMs, 64, {change(ident(pair.reader), EVFILT_WRITE, kArm, 0, 0, 1)}).at(0);
     EXPECT_EQ(keventCount(&event), 1);
     EXPECT_GE(event.data, 4096);
+}
+
+TEST_P(KeventUncounted, CountOfAWriteWithoutRoomIsNoEvent) {
+    becomeKnown();
+    fill(pair.reader.get());
+    auto events = writesOf({arm()});
+    ASSERT_THAT(events, testing::SizeIs(1));
+    EXPECT_EQ(keventCount(&events[0]), 0);
+}
+
+TEST_P(KeventUncounted, AClosedQueueIsNoticedAfterAnAnswer) {
+    becomeKnown();
+    EXPECT_THAT(writesOf({arm()}), testing::SizeIs(1));
+    queue.close();
+    const timespec noTime{};
+    EXPECT_EQ(kevent(closedQueue, nullptr, 0, nullptr, 0, &noTime), -1);
+    EXPECT_EQ(errno, EBADF);
 }
 
 TEST_P(KeventUncounted, AWriteThatFoundNoRoomWaitsForIt) {
