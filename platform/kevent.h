@@ -99,6 +99,13 @@ int kqueue(void);
 /// A socket that was never connected, or connects still, is silent. A socket's pending error is left for
 /// read(2) and write(2), so fflags is 0 in every event. Thread: any; several may use one queue. A change made
 /// by one thread is seen by another that waits already.
+///
+/// What epoll(7) cannot tell is not told here either. After EV_CLEAR, WRITE of a TCP socket comes again once
+/// a write(2) has found no room, not once the room was filled exactly. EV_CLEAR may come again without a
+/// change of its own filter: when the other filter of the descriptor changes, when a write(2) to a full pipe
+/// fails, when any number of the queue was closed beside a duplicate. WRITE of a full AF_UNIX socket is
+/// silent after a shutdown(2) until there is room. A regular file or a device that is opened again under its
+/// number keeps its knotes, and so does a duplicate that is put back under it.
 #if defined(__GNUC__) && !defined(__clang__)
 /* The structure and the function share a name, as they always have. */
 #pragma GCC diagnostic push
@@ -117,9 +124,10 @@ int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent*
 /// its own: such an event has KEVENT_UNCOUNTED for data. For a caller that tries recv(2) or send(2) with
 /// MSG_DONTWAIT instead, takes what they give for the count and their EAGAIN for an event that was none. It
 /// also vouches for the numbers it has registered: one that it closes has no use for events until it is added
-/// again. Such a queue is told of at most eight descriptors that epoll knows in one call; the others come
-/// with the next calls. Concerns nobody else's queue; a number that is no queue is ignored. Where the system
-/// has kqueue this does nothing. Thread: any, before the first kevent().
+/// again, which it is with another udata, or later than in the next call. Such a queue is told of at most
+/// eight descriptors that epoll knows in one call; the others come with the next calls. Concerns nobody
+/// else's queue; a number that is no queue is ignored. Where the system has kqueue this does nothing. Thread:
+/// any, before the first kevent().
 void keventLeaveUncounted(int kq);
 
 /// Ends the waits of a queue that are to last `periodNs` by a descriptor that becomes readable once in that
