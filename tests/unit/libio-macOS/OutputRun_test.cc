@@ -122,7 +122,7 @@ TEST_F(SharedOutput, AnEmptyBodyIsNothing) {
     EXPECT_EQ("headtail", readExactly(pair[1], 8));
 }
 
-TEST_F(SharedOutput, OwnerIsReleasedWithTheEndpoint) {
+TEST_F(SharedOutput, OwnerIsHeldUntilTheEndpointGoes) {
     const auto body = std::make_shared<const std::string>(patternBytes(3'000'000, 4));
     {
         DescriptorPair pair = DescriptorPair::socketPair();
@@ -130,6 +130,7 @@ TEST_F(SharedOutput, OwnerIsReleasedWithTheEndpoint) {
         loop->startObject(endpoint, nullptr);
         endpoint->writeShared("", share(body), "");
         EXPECT_EQ(1U, readExactly(pair[1], 1).size());
+        EXPECT_EQ(2, body.use_count());  // not a copy
         loop->stopObject(endpoint);
     }
     EXPECT_TRUE(waitUntil([&] { return body.use_count() == 1; }));
