@@ -634,6 +634,17 @@ int applyRefused(const Queue& queue, const struct kevent& one, int operation, in
     return result;
 }
 
+TEST(KeventFault, DeletedTimersMakeRoomForOthers) {
+    const Queue queue;
+    ASSERT_EQ(queue.apply(change(0, EVFILT_TIMER, kArm, 3'600'000)), 0);
+    const int before = blocks;
+    for (uint64_t i = 1; i <= 1000; ++i) {
+        ASSERT_EQ(queue.apply(change(i, EVFILT_TIMER, kArm, 3'600'000)), 0);
+        ASSERT_EQ(queue.apply(change(i, EVFILT_TIMER, EV_DELETE)), 0);
+    }
+    EXPECT_EQ(blocks, before);
+}
+
 TEST(KeventFault, ANumberThatIsNotOpenNeedsNoMemory) {
     const Queue queue;
     for (const int fd : {5000, 1 << 30, INT_MAX}) {
