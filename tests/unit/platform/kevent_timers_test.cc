@@ -124,6 +124,18 @@ TEST(KeventTimers, AbsoluteTimeInThePastFiresAtOnce) {
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
 }
 
+TEST(KeventTimers, ManyThatComeAndGoStayApart) {
+    const Queue queue;
+    const auto add = [&queue](uint64_t id) { ASSERT_EQ(queue.apply(timer(id, kArm, 3'600'000)), 0) << id; };
+    for (uint64_t id = 0; id < 1000; ++id) add(id);
+    for (uint64_t id = 0; id < 1000; id += 2) ASSERT_EQ(queue.apply(timer(id, EV_DELETE, 0)), 0) << id;
+    for (uint64_t id = 1000; id < 1500; ++id) add(id);
+    for (uint64_t id = 0; id < 1500; ++id) {
+        const bool lives = id >= 1000 || id % 2 == 1;
+        EXPECT_EQ(queue.apply(timer(id, EV_DELETE, 0)), lives ? 0 : ENOENT) << id;
+    }
+}
+
 /// The last of them takes the place of the deleted one, where it is earlier than what stands above.
 TEST(KeventTimers, DeletionKeepsTheOrder) {
     const Queue queue;

@@ -395,6 +395,16 @@ TEST(KeventWrite, DeviceThatCannotBeWaitedForTakesAByte) {
     EXPECT_EQ(queue.next().data, 1);
 }
 
+TEST(KeventWrite, UnsentLimitAboveTheRoomDoesNotRaiseIt) {
+    const Queue queue;
+    const Pair pair = tcpPair();
+    ASSERT_EQ(queue.apply(change(ident(pair.writer), EVFILT_WRITE, kArm)), 0);
+    const int64_t room = queue.next().data;
+    const int limit = static_cast<int>(room / 2 * 5);
+    ASSERT_EQ(setsockopt(pair.writer.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &limit, sizeof limit), 0);
+    EXPECT_EQ(queue.next().data, room);
+}
+
 TEST(KeventWrite, UnsentLimitCapsTheRoom) {
     const Queue queue;
     const Pair pair = tcpPair();
