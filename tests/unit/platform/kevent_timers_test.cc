@@ -232,6 +232,12 @@ TEST(KeventTimers, DeletesLeaveTheOthersInTheirOrder) {
     }
 }
 
+TEST(KeventTimers, AddAloneEnables) {
+    const Queue queue;
+    ASSERT_EQ(queue.apply(timer(1, EV_ADD, 0)), 0);
+    EXPECT_EQ(queue.next().flags, EV_ADD | EV_CLEAR);
+}
+
 TEST(KeventTimers, AddLeavesADisabledTimerDisabled) {
     const Queue queue;
     ASSERT_EQ(queue.apply(timer(1, EV_ADD | EV_DISABLE, 0)), 0);
