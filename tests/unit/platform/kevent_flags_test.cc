@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <initializer_list>
 #include <map>
 
 #include "kevent_support.h"
@@ -335,7 +336,7 @@ TEST(KeventFlags, ShortListsTellEachEdgeOnce) {
 /// One that ends or is disabled by its event changes the entry that both share: the other is not told for
 /// ever.
 TEST(KeventFlags, EdgesBesideAnEventThatComesOnceEnd) {
-    for (const unsigned once : {EV_ONESHOT, EV_DISPATCH}) {
+    for (const unsigned once : std::initializer_list<unsigned>{EV_ONESHOT, EV_DISPATCH}) {
         for (int room = 1; room <= 3; ++room) {
             const Queue queue;
             const Pair pair = unixPair();

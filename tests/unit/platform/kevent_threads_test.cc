@@ -107,7 +107,8 @@ TEST(KeventThreads, EveryWaiterSurvivesTheExchangeOfTheInstance) {
     pair.reader.reset();
     writeAll(pair.writer.get(), "to the copy");
     EXPECT_TRUE(queue.collect(kSilenceMs).empty());
-    for (const uint64_t i : {7, 8}) ASSERT_EQ(queue.apply(change(i, EVFILT_TIMER, kArm | EV_ONESHOT, 0)), 0);
+    for (const uint64_t i : {7U, 8U})
+        ASSERT_EQ(queue.apply(change(i, EVFILT_TIMER, kArm | EV_ONESHOT, 0)), 0);
     EXPECT_EQ(first.finish().ident + second.finish().ident, 15U);
 }
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <initializer_list>
 #include <set>
 #include <utility>
 #include <vector>
@@ -173,7 +174,7 @@ TEST_P(KeventUncounted, AWriteThatIsNoAnswerOnAKnownConnectionWaitsForRoom) {
     EXPECT_THAT(writesOf({arm()}, kSilenceMs), testing::IsEmpty()) << "whether it is connected is not known";
     ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), 0);
     becomeKnown();
-    for (const unsigned flag : {EV_CLEAR, EV_ONESHOT, EV_DISPATCH}) {
+    for (const unsigned flag : std::initializer_list<unsigned>{EV_CLEAR, EV_ONESHOT, EV_DISPATCH}) {
         EXPECT_THAT(writesOf({arm(1, flag)}, kSilenceMs), testing::IsEmpty()) << flag;
         ASSERT_EQ(queue.apply(change(ident(pair.reader), EVFILT_WRITE, EV_DELETE)), 0);
     }
