@@ -520,6 +520,16 @@ TEST(KeventFault, LevelThatPassedBesideAnEdgeIsNotLookedForAnyMore) {
     EXPECT_LE(waitsInSilence(queue), kFewWaits);
 }
 
+TEST(KeventFault, EdgeThatWasToldIsWaitedForInEpoll) {
+    const Queue queue;
+    const Pair pair = unixPair();
+    const auto fd = static_cast<uint64_t>(pair.reader.get());
+    ASSERT_EQ(queue.apply(change(fd, EVFILT_READ, kArm | EV_CLEAR)), 0);
+    writeAll(pair.writer.get(), "x");
+    EXPECT_THAT(queue.collect(), testing::ElementsAre(IsEvent(fd, EVFILT_READ)));
+    EXPECT_LE(waitsInSilence(queue), kFewWaits);
+}
+
 TEST(KeventFault, LevelSocketWithNothingToTellIsWaitedForInEpoll) {
     const Queue queue;
     const Pair pair = unixPair();
