@@ -427,7 +427,6 @@ bool collectUntil(Collector& c) {
         if (hasUserSpaceEvents(c) && !takeReady(c)) return false;
         if (dropStale(c) && !takeEpoll(c, 0)) return false;
         if (c.count > 0 || (waited && hasExpired(c))) return true;
-        handToEpoll(c.queue, false);
         if (!takeEpoll(c, waitTime(c))) return false;
         if (!c.ticked) noteWait(c);
         waited = true;

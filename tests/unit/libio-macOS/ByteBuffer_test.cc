@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 namespace {
@@ -44,7 +43,8 @@ TEST(ByteBuffer, PreparedBytesCountOnlyOnceCommitted) {
     ASSERT_TRUE(buffer.append("ab", 2));
     char* const end = buffer.prepare(10);
     ASSERT_NE(nullptr, end);
-    std::memcpy(end, "cd", 2);
+    end[0] = 'c';
+    end[1] = 'd';
     EXPECT_EQ("ab", textOf(buffer));
     buffer.commit(2);
     EXPECT_EQ("abcd", textOf(buffer));

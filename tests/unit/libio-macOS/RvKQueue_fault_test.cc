@@ -159,8 +159,8 @@ TEST_F(RvKQueueThreadFault, WithoutALaterSnapshotTheThreadEnds) {
     loop->stopObject(first);
     ASSERT_TRUE(waitUntil([&] { return first->stops == 1; }));
     // There is room for the first endpoints from the start.
-    std::vector<std::shared_ptr<ProbeEndpoint>> probes;
-    for (int i = 0; i < 100; ++i) probes.push_back(std::make_shared<ProbeEndpoint>());
+    std::vector<std::shared_ptr<ProbeEndpoint>> probes(100);
+    for (auto& probe : probes) probe = std::make_shared<ProbeEndpoint>();
     faults::failElsewhere(Kind::kNew);
     for (const auto& probe : probes) loop->addActiveObject(probe);
     EXPECT_TRUE(waitForLogged(LogLevel::kError, "copying active list error"));
@@ -173,8 +173,8 @@ TEST_F(RvKQueueThreadFault, WithoutALaterSnapshotTheThreadEnds) {
 // Nobody else holds the loop, so that it goes away on its own thread.
 TEST_F(RvKQueueThreadFault, ALoopThatEndsAloneIsNotCurrentWhenItsEndpointsGo) {
     DescriptorPair pair = DescriptorPair::socketPair();
-    std::vector<std::shared_ptr<ProbeEndpoint>> probes;
-    for (int i = 0; i < 100; ++i) probes.push_back(std::make_shared<ProbeEndpoint>());
+    std::vector<std::shared_ptr<ProbeEndpoint>> probes(100);
+    for (auto& probe : probes) probe = std::make_shared<ProbeEndpoint>();
     std::atomic<bool> isGone{false};
     std::atomic<bool> wasCurrent{false};
     std::shared_ptr<int> captured(new int(0), [&](const int* number) {
@@ -213,8 +213,8 @@ TEST_F(RvKQueueRegistryFault, ANullEndpointIsReportedOrIgnored) {
 // Together the changes of the I/O thread and of another one are more than a list has room for.
 TEST_F(RvKQueueThreadFault, ChangesThatCannotBeJoinedGoOutOneTurnAfterTheOther) {
     constexpr int kTimers = 160;
-    std::vector<std::shared_ptr<RvKQueueTimer>> timers;
-    for (int i = 0; i < kTimers; ++i) timers.push_back(loop->createTimer(1, true));
+    std::vector<std::shared_ptr<RvKQueueTimer>> timers(kTimers);
+    for (auto& timer : timers) timer = loop->createTimer(1, true);
     loop->start();
     std::atomic<int> fired{0};
     const auto start = [&](int from, int to) {
