@@ -7,10 +7,11 @@
 //
 // With RV_FAIL_FORK, RV_FAIL_WAIT or RV_INTERRUPT_WAIT in the environment the system call fails, or is
 // interrupted a few times; with RV_SHOW_STATUS standard error tells how the editor has ended. With
-// RV_CONTINUE_EDITOR an editor that has stopped goes on before anybody hears of it; with RV_STOP_AGAIN it has
-// stopped once more before the tool, itself continued, looks at it. The linker puts the functions below in
-// the place of the real ones. With RV_SAY its text is what has been said before, with RV_INTERRUPT_READ the
-// signal SIGUSR1 interrupts what the thread reads.
+// RV_CONTINUE_EDITOR an editor that has stopped goes on before anybody hears of it, and standard error tells
+// when the tool waits for it (again); with RV_STOP_AGAIN it has stopped once more before the tool, itself
+// continued, looks at it. The linker puts the functions below in the place of the real ones. With RV_SAY its
+// text is what has been said before, with RV_INTERRUPT_READ the signal SIGUSR1 interrupts what the thread
+// reads.
 #include <pthread.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -45,6 +46,9 @@ pid_t __wrap_waitpid(pid_t child, int* status, int options) {
         --interruptions;
         errno = EINTR;
         return -1;
+    }
+    if (std::getenv("RV_CONTINUE_EDITOR") != nullptr) {
+        (void)std::fputs("waits\n", stderr);
     }
     const pid_t result = __real_waitpid(child, status, options);
     if (std::getenv("RV_FAIL_WAIT") != nullptr) {
