@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <latch>
 #include <thread>
 
 #include "cli/confirm.h"
@@ -155,6 +156,14 @@ int main(int argc, char** argv) {
         catchInterruption();
         blockInterruption(SIG_BLOCK);  // the thread alone takes it
     }
-    std::thread(work, argv[1], argv[2]).join();
+    // This thread blocks all signals while it makes the other one. A suspend key that came meanwhile would
+    // not be ignored but kept, and stop the process after the editor's time.
+    std::latch made(1);
+    std::thread worker([&made, argv] {
+        made.wait();
+        work(argv[1], argv[2]);
+    });
+    made.count_down();
+    worker.join();
     return std::fflush(stdout);
 }
