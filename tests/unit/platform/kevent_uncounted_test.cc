@@ -410,7 +410,8 @@ TEST(KeventUncountedQueue, MessagesAreCountedAndWaitForRoom) {
     EXPECT_THAT(queue.collect(kSilenceMs, 64, {arm}), testing::IsEmpty());
 }
 
-/// Its end is what READ would tell, and there is no end where there is no connection any more.
+/// connect(2) to no address leaves a socket as if it had never been connected: there is no end to tell of
+/// either.
 TEST(KeventUncountedQueue, AConnectionThatIsTakenBackIsNotWritable) {
     const Queue queue;
     const Pair pair = tcpPair();
