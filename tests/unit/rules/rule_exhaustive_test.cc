@@ -14,6 +14,15 @@ const std::string kBytes = bytes(" \"\\#!\n\0ab\xff");
 
 const std::string kFarFromTheEnd = "\n" + std::string(64, ' ');
 
+#if defined(__SANITIZE_THREAD__)
+// A race detector makes each text ten times slower and has one thread to look at: a byte less will do.
+constexpr std::size_t kBytesMore = 4;
+constexpr std::size_t kTexts = 2 * 11111U;
+#else
+constexpr std::size_t kBytesMore = 5;
+constexpr std::size_t kTexts = 2 * 111111U;
+#endif
+
 struct Beginning {
     const char* name;
     const char* text;
@@ -52,14 +61,14 @@ void checkAll(std::string& prefix, std::size_t more, CapturedStderr& messages, C
     }
 }
 
-TEST_P(RuleExhaustive, EveryEndingOfUpToFiveBytes) {
+TEST_P(RuleExhaustive, EveryEndingOfAFewBytes) {
     std::string text = GetParam().text;
     Counts counts;
     {
         CapturedStderr messages;
-        checkAll(text, 5, messages, counts);
+        checkAll(text, kBytesMore, messages, counts);
     }
-    EXPECT_EQ(counts.texts, 2 * 111111U);
+    EXPECT_EQ(counts.texts, kTexts);
     EXPECT_GT(counts.accepted, 0U);
     EXPECT_GT(counts.reread, 0U);
     EXPECT_LT(counts.accepted, counts.texts);
