@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 
@@ -79,12 +80,15 @@ void writeAll(int descriptor, const std::string& bytes) {
 }
 
 std::string patternBytes(std::size_t count, unsigned seed) {
-    std::string bytes(count, '\0');
+    constexpr std::size_t kPeriod = 65'521;  // a prime: pieces of round sizes that change places are noticed
+    std::string bytes(std::min(count, kPeriod), '\0');
     std::uint32_t state = seed * 2654435761u + 1;
     for (char& byte : bytes) {
         state = state * 1664525u + 1013904223u;
         byte = static_cast<char>(state >> 24);
     }
+    bytes.reserve(count);
+    while (bytes.size() < count) bytes.append(bytes, 0, std::min(bytes.size(), count - bytes.size()));
     return bytes;
 }
 
