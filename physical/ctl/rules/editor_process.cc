@@ -110,11 +110,11 @@ pid_t waitForChange(pid_t child, int& status, int options) noexcept {
     return result;
 }
 
-/// True when `child` has stopped (WSTOPPED) or has been continued (WCONTINUED) since and nobody has waited
-/// for that yet. It can still be waited for.
-bool hasNews(pid_t child, int event) noexcept {
+/// True when `child` has stopped (WSTOPPED), been continued (WCONTINUED) or ended (WEXITED) since and nobody
+/// has waited for that yet. It can still be waited for.
+bool hasNews(pid_t child, int events) noexcept {
     siginfo_t news = {};
-    return ::waitid(P_PID, static_cast<id_t>(child), &news, event | WNOHANG | WNOWAIT) == 0 &&
+    return ::waitid(P_PID, static_cast<id_t>(child), &news, events | WNOHANG | WNOWAIT) == 0 &&
            news.si_pid == child;
 }
 
@@ -126,7 +126,8 @@ sigset_t maskOf(int signal) noexcept {
 }
 
 /// Stops this process, all threads of it, until the shell continues it, unless it has been continued together
-/// with `child` since that was seen stopped: then one and the same event has stopped both.
+/// with `child` since that was seen stopped: then one and the same event has stopped both. A child that has
+/// been continued may have ended by now, and then nothing else tells of it.
 ///
 /// The stop is first put in the queue and only then let through. If another stop comes before it and is over,
 /// the kernel takes it out of the queue, so the user never has to continue us twice. Where no shell could
@@ -138,7 +139,7 @@ void suspendSelf(pid_t child) noexcept {
     (void)::pthread_sigmask(SIG_BLOCK, &suspend, &previous);
     setDisposition(SIGTSTP, SIG_DFL, &ignored);
     (void)::raise(SIGTSTP);  // to this thread, so that it takes effect where it is let through
-    if (!hasNews(child, WCONTINUED)) {
+    if (!hasNews(child, WCONTINUED | WEXITED)) {
         (void)::pthread_sigmask(SIG_UNBLOCK, &suspend, nullptr);
     }
     (void)::sigaction(SIGTSTP, &ignored, nullptr);  // drops a stop that is still in the queue

@@ -462,6 +462,21 @@ TEST_F(JobControl, EditorThatGoesOnBeforeItIsSeenStopsNothing) {
     EXPECT_EQ(result.status, 7);
 }
 
+TEST_F(JobControl, EditorThatEndsBeforeItIsSeenStopsNothing) {
+    addEditor("editor", "kill -STOP $$; echo resumed");
+    cli::Command command = shell("editor");
+    command.environment["RV_CONTINUE_EDITOR"] = "yes";
+    command.environment["RV_END_EDITOR"] = "yes";
+    cli::Process process(command);
+    process.type(std::string(RV_SESSION_PATH) + " run " + kRulesPath + "\n");
+    ASSERT_TRUE(process.waitForTerminal("run: true"));
+    process.type("exit 7\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(count(result.terminal, "resumed\r\nrun: true"), 1U) << result.terminal;
+    EXPECT_EQ(result.err.find("Stopped"), std::string::npos) << result.err;
+    EXPECT_EQ(result.status, 7);
+}
+
 TEST_F(JobControl, EditorThatStopsAgainStaysStopped) {
     addEditor("editor", "kill -STOP $$; kill -STOP $$; echo resumed");
     cli::Command command = shell("editor");

@@ -7,11 +7,11 @@
 //
 // With RV_FAIL_FORK, RV_FAIL_WAIT or RV_INTERRUPT_WAIT in the environment the system call fails, or is
 // interrupted a few times; with RV_SHOW_STATUS standard error tells how the editor has ended. With
-// RV_CONTINUE_EDITOR an editor that has stopped goes on before anybody hears of it, and standard error tells
-// when the tool waits for it (again); with RV_STOP_AGAIN it has stopped once more before the tool, itself
-// continued, looks at it. The linker puts the functions below in the place of the real ones. With RV_SAY its
-// text is what has been said before, with RV_INTERRUPT_READ the signal SIGUSR1 interrupts what the thread
-// reads.
+// RV_CONTINUE_EDITOR an editor that has stopped goes on before anybody hears of it, and with RV_END_EDITOR it
+// has ended by then; standard error tells when the tool waits for it (again). With RV_STOP_AGAIN it has
+// stopped once more before the tool, itself continued, looks at it. The linker puts the functions below in
+// the place of the real ones. With RV_SAY its text is what has been said before, with RV_INTERRUPT_READ the
+// signal SIGUSR1 interrupts what the thread reads.
 #include <pthread.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -62,7 +62,8 @@ pid_t __wrap_waitpid(pid_t child, int* status, int options) {
     if (std::getenv("RV_CONTINUE_EDITOR") != nullptr && result == child && WIFSTOPPED(*status)) {
         siginfo_t news;
         (void)::kill(child, SIGCONT);
-        (void)__real_waitid(P_PID, static_cast<id_t>(child), &news, WCONTINUED | WNOWAIT);
+        const int until = std::getenv("RV_END_EDITOR") != nullptr ? WEXITED : WCONTINUED;
+        (void)__real_waitid(P_PID, static_cast<id_t>(child), &news, until | WNOWAIT);
     }
     return result;
 }
