@@ -50,10 +50,9 @@ Received readAvailable(int fd, std::int64_t available, ByteBuffer* rx) noexcept 
 void deliverBuffered(EventBlockSlot& slot, RvKQueueEventProtocol* object, ByteBuffer* rx,
                      std::int32_t event) noexcept {
     const EventBlockSlot::Use block(slot);
-    if (!block) return;
     std::uint64_t dropSize = rx->size();
-    (void)(*block)(object, rx->data(), rx->size(), &dropSize, event);
-    rx->drop(dropSize);
+    if (block) (void)(*block)(object, rx->data(), rx->size(), &dropSize, event);
+    rx->drop(dropSize);  // without a block as well: nobody would ever take it
 }
 
 void deliverPlain(EventBlockSlot& slot, RvKQueueEventProtocol* object, std::int32_t event) noexcept {

@@ -210,6 +210,16 @@ TEST_F(RvKQueueStreamSocketInput, ShortReadKeepsLength) {
     EXPECT_EQ(7u, data[0].size);
 }
 
+TEST_F(RvKQueueStreamSocketInput, WhatComesWhileTheBlockIsEmptyIsNotKept) {
+    endpoint->enableOnData({});
+    writeAll(pair[1], "unseen");
+    reportRead(6);
+    start();
+    writeAll(pair[1], "seen");
+    reportRead(4);
+    EXPECT_EQ("seen", recorder.received());
+}
+
 TEST_F(RvKQueueStreamSocketInput, DataOfZeroIsTheEnd) {
     start();
     reportRead(0, EV_EOF);
