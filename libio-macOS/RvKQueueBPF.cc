@@ -53,10 +53,16 @@ void RvKQueueBPF::kevent(const struct kevent* record) noexcept {
         callEvent(kEventClosed);
         return;
     }
+    const bool hadLinks = fd.linkDescriptor() != -1;
     // A whole block, whatever the record's data says: that counts one packet, and a read may bring many.
     char* const end = rx.prepare(blockLength);
     std::size_t stored = 0;
     const auto outcome = end == nullptr ? PacketCapture::Outcome::kEnded : fd.read(end, blockLength, &stored);
+    if (!hadLinks && fd.linkDescriptor() != -1) {
+        struct kevent change;
+        initFilterRecord(&change, fd.linkDescriptor(), EVFILT_READ, kArmFlags, this);
+        parent.submit(change);
+    }
     if (outcome == PacketCapture::Outcome::kPackets) {
         rx.commit(stored);
         callEvent(kEventData);

@@ -56,6 +56,12 @@ class PacketCapture {
     /// What to watch with EVFILT_READ; close-on-exec; owned by this object. -1 when closed.
     int descriptor() const noexcept { return fd; }
 
+    /// A second one to watch with EVFILT_READ, for which read is to be called as well: there from the read on
+    /// that first found the interface down, as the capture itself does not tell that such an interface goes
+    /// away (packet(7): ENETDOWN comes once). Close-on-exec; owned by this object. -1 before, when closed,
+    /// and when there is no descriptor left for it.
+    int linkDescriptor() const noexcept { return linkFd; }
+
     /// Stores what has been captured: records of a bpf_hdr and the packet, each but the last one padded. No
     /// record is split over two reads; a packet that no block can hold is cut. Never blocks.
     ///
@@ -71,8 +77,10 @@ class PacketCapture {
     bool nextFits(std::size_t room) const noexcept;
     std::ptrdiff_t readRecord(char* record, std::size_t room) const noexcept;
     bool isDetached() const noexcept;
+    void watchLinks() noexcept;
 
     std::atomic<int> fd{-1};  ///< atomic, so that descriptor may be asked while another thread closes
+    std::atomic<int> linkFd{-1};
     std::size_t linkHeaderBytes = 0;
 };
 

@@ -4,6 +4,8 @@
 
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <net/if_arp.h>
@@ -89,6 +91,31 @@ std::size_t putTagBack(char* packet, std::size_t captured, std::size_t room,
     return kAddressBytes + kVlanTagBytes + moved;
 }
 
+int openLinkEvents() noexcept {
+    const int sock = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    if (sock == -1) return -1;
+    struct sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK;
+    if (bind(sock, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0) return sock;
+    (void)::close(sock);
+    return -1;
+}
+
+// What has changed does not matter, nor that some changes had no room (ENOBUFS).
+void dropLinkEvents(int sock) noexcept {
+    char start;
+    ssize_t bytes = 0;
+    do {
+        bytes = recv(sock, &start, sizeof start, MSG_DONTWAIT);
+    } while (bytes > 0 || (bytes == -1 && errno == ENOBUFS));
+}
+
+void closeOnce(std::atomic<int>* fd) noexcept {
+    const int open = fd->exchange(-1);
+    if (open != -1) (void)::close(open);  // nothing is left to undo
+}
+
 }  // namespace
 
 PacketCapture::~PacketCapture() {
@@ -129,6 +156,7 @@ bool PacketCapture::prepare(unsigned interfaceIndex, const char* interfaceName,
 
 PacketCapture::Outcome PacketCapture::read(char* block, std::size_t blockLength,
                                            std::size_t* stored) noexcept {
+    if (linkFd != -1) dropLinkEvents(linkFd);
     std::size_t used = 0;
     for (;;) {
         const std::size_t start = captureAlign(used);
@@ -141,6 +169,7 @@ PacketCapture::Outcome PacketCapture::read(char* block, std::size_t blockLength,
     *stored = used;
     if (used > 0) return Outcome::kPackets;
     const bool isPassing = errno == EAGAIN || errno == EINTR || errno == ENETDOWN;
+    if (errno == ENETDOWN) watchLinks();
     return isPassing && !isDetached() ? Outcome::kNothing : Outcome::kEnded;
 }
 
@@ -191,7 +220,12 @@ bool PacketCapture::isDetached() const noexcept {
     return address.sll_ifindex <= 0;
 }
 
+// From before isDetached is asked, so that no change is missed.
+void PacketCapture::watchLinks() noexcept {
+    if (linkFd == -1) linkFd = openLinkEvents();
+}
+
 void PacketCapture::close() noexcept {
-    const int open = fd.exchange(-1);
-    if (open != -1) (void)::close(open);  // nothing is left to undo
+    closeOnce(&fd);
+    closeOnce(&linkFd);
 }

@@ -1,8 +1,10 @@
 #include "libio-macOS/RvKQueueBPF.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <linux/if_packet.h>
+#include <linux/if_tun.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -67,15 +69,37 @@ std::vector<Packet> packetsIn(const std::string& block) {
     return packets;
 }
 
-bool isLoopbackUp(bool wanted) {
+bool isUp(const char* name, bool wanted) {
     const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     struct ifreq request = {};
-    std::memcpy(request.ifr_name, "lo", 3);
+    std::memcpy(request.ifr_name, name, std::strlen(name) + 1);
     bool done = ioctl(sock, SIOCGIFFLAGS, &request) == 0;
     request.ifr_flags = static_cast<short>(wanted ? request.ifr_flags | IFF_UP : request.ifr_flags & ~IFF_UP);
     done = done && ioctl(sock, SIOCSIFFLAGS, &request) == 0;
     EXPECT_EQ(0, close(sock));
     return done;
+}
+
+bool isLoopbackUp(bool wanted) {
+    return isUp("lo", wanted);
+}
+
+constexpr const char* kTunnel = "t0";
+constexpr std::size_t kTunnelHeaderBytes = 20;  // no link header: the packet starts at a multiple of four
+
+// An interface that exists as long as the descriptor is open; -1 where such ones may not be made. Packets
+// that are written to it come in through it.
+int openTunnel() {
+    const int tunnel = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    struct ifreq request = {};
+    std::memcpy(request.ifr_name, kTunnel, std::strlen(kTunnel) + 1);
+    request.ifr_flags = IFF_TUN | IFF_NO_PI;
+    if (tunnel == -1 || ioctl(tunnel, TUNSETIFF, &request) == -1) {
+        if (tunnel != -1) close(tunnel);
+        return -1;
+    }
+    EXPECT_TRUE(isUp(kTunnel, true));
+    return tunnel;
 }
 
 // Each case has a network of its own, whose only interface is lo.
@@ -281,6 +305,99 @@ TEST_F(RvKQueueBPFCapture, AnInterfaceMayBeDownAtTheStart) {
         return !packets.empty() && packets.back().bytes.ends_with("up again");
     }));
     EXPECT_EQ(0, recorder.count(kEventClosed));
+}
+
+TEST_F(RvKQueueBPFCapture, AnInterfaceThatGoesAwayIsEventTwo) {
+    const int tunnel = openTunnel();
+    if (tunnel == -1) GTEST_SKIP() << "no interface can be made";
+    start(loop->createBPF(kTunnel, 4096));
+    waitForTurn();
+    EXPECT_EQ(0, recorder.count(kEventClosed));
+    EXPECT_EQ(0, close(tunnel));
+    EXPECT_TRUE(recorder.waitFor(kEventClosed));
+}
+
+TEST_F(RvKQueueBPFCapture, AnInterfaceThatGoesAwayWhileItIsDownIsEventTwo) {
+    const int tunnel = openTunnel();
+    if (tunnel == -1) GTEST_SKIP() << "no interface can be made";
+    const int before = openDescriptorCount();
+    const auto endpoint = loop->createBPF(kTunnel, 4096);
+    start(endpoint);
+    for (int time = 0; time < 2; ++time) {
+        ASSERT_TRUE(isUp(kTunnel, false));
+        ASSERT_TRUE(waitUntil([&] { return openDescriptorCount() == before + 2; }));
+        ASSERT_TRUE(isUp(kTunnel, true));
+    }
+    ASSERT_TRUE(isUp(kTunnel, false));
+    waitForTurn();
+    EXPECT_EQ(0, recorder.count(kEventClosed));
+    EXPECT_EQ(0, close(tunnel));
+    EXPECT_TRUE(recorder.waitFor(kEventClosed));
+    loop->stopObject(endpoint);
+    EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == before - 1; }));
+}
+
+TEST_F(RvKQueueBPFCapture, AnInterfaceWithoutLinkHeaderShowsBothDirections) {
+    const int tunnel = openTunnel();
+    if (tunnel == -1) GTEST_SKIP() << "no interface can be made";
+    start(loop->createBPF(kTunnel, 4096));
+    const std::string in = std::string("\x45\0\0\x16\0\0\0\0\x40\xfd", 10) + std::string(10, '\0') + "in";
+    ASSERT_EQ(static_cast<ssize_t>(in.size()), write(tunnel, in.data(), in.size()));
+    ASSERT_TRUE(waitForPackets(1));
+    const std::string out = in.substr(0, 20) + "ex";
+    const int raw = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    struct sockaddr_ll target = {};
+    target.sll_family = AF_PACKET;
+    target.sll_protocol = htons(ETH_P_IP);
+    target.sll_ifindex = static_cast<int>(if_nametoindex(kTunnel));
+    ASSERT_EQ(static_cast<ssize_t>(out.size()),
+              sendto(raw, out.data(), out.size(), 0, reinterpret_cast<const struct sockaddr*>(&target),
+                     sizeof target));
+    const auto has = [this](const std::string& bytes) {
+        for (const Packet& packet : captured()) {
+            if (packet.bytes == bytes) return packet.header.bh_hdrlen == kTunnelHeaderBytes;
+        }
+        return false;
+    };
+    EXPECT_TRUE(waitUntil([&] { return has(in) && has(out); }));
+    EXPECT_EQ(0, close(raw));
+    EXPECT_EQ(0, close(tunnel));
+}
+
+TEST_F(RvKQueueBPFCapture, OnlyReadRecordsAreLookedAt) {
+    loop->stop();  // the records are this thread's to report
+    loop = RvKQueue::initWithSubsystem(kTestSubsystem);
+    const auto idle = loop->createBPF("lo", 4096);
+    start(idle);
+    send("waiting");
+    const struct kevent others[] = {{0, EVFILT_WRITE, 0, 0, 1000, idle.get()},
+                                    {0, EVFILT_TIMER, 0, 0, 1000, idle.get()},
+                                    {0, EVFILT_WRITE, EV_ERROR, 0, ENOMEM, idle.get()}};
+    for (const struct kevent& other : others) idle->kevent(&other);
+    EXPECT_EQ(1u, recorder.events().size());
+    const struct kevent record = {0, EVFILT_READ, 0, 0, 1000, idle.get()};
+    idle->kevent(&record);
+    EXPECT_EQ(1, recorder.count(kEventData));
+    loop->start();
+}
+
+TEST_F(RvKQueueBPFCapture, EventZeroComesBeforeAnyPacket) {
+    const auto endpoint = loop->createBPF("lo", 4096);
+    send("early");
+    loop->startObject(endpoint, recorder.block([this](const RecordedEvent& event, std::uint64_t*) {
+        if (event.code == kEventConnected) waitForTurn();
+        return true;
+    }));
+    ASSERT_TRUE(waitForPackets(1));
+    EXPECT_EQ(kEventConnected, recorder.events()[0].code);
+}
+
+TEST_F(RvKQueueBPFCapture, StopLetsGoOfTheBlock) {
+    const auto endpoint = loop->createBPF("lo", 4096);
+    const auto held = std::make_shared<int>(0);
+    loop->startObject(endpoint, [held](auto...) { return true; });
+    loop->stopObject(endpoint);
+    EXPECT_TRUE(waitUntil([&] { return held.use_count() == 1; }));
 }
 
 TEST_F(RvKQueueBPFCapture, SeveralCapturesOfOneInterfaceAllSeeAPacket) {
