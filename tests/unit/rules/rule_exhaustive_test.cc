@@ -15,9 +15,9 @@ const std::string kBytes = bytes(" \"\\#!\n\0ab\xff");
 const std::string kFarFromTheEnd = "\n" + std::string(64, ' ');
 
 #if defined(__SANITIZE_THREAD__)
-// A race detector makes each text ten times slower and has one thread to look at: a byte less will do.
-constexpr std::size_t kBytesMore = 4;
-constexpr std::size_t kTexts = 2 * 11111U;
+// A race detector makes each text ten times slower and has one thread to look at: two bytes less will do.
+constexpr std::size_t kBytesMore = 3;
+constexpr std::size_t kTexts = 2 * 1111U;
 #else
 constexpr std::size_t kBytesMore = 5;
 constexpr std::size_t kTexts = 2 * 111111U;
