@@ -484,14 +484,47 @@ TEST_F(RvKQueueScript, WhatIsStoppedLetsGoOfItsFilterAndItsBlock) {
 }
 
 TEST_F(RvKQueueScript, AWriteOfNoBytesArmsNothing) {
+    DescriptorPair forSocket = DescriptorPair::socketPair();
+    DescriptorPair forPair = DescriptorPair::socketPair();
+    const int both[] = {forPair[0], forPair[0]};
+    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {loop->createStreamSocket(forSocket[0], false),
+                                                                loop->createBipipeClient(both, false)};
+    for (const auto& endpoint : endpoints) {
+        EXPECT_TRUE(loop->write(endpoint, "x", 0));
+        EXPECT_TRUE(loop->write(endpoint, "x", 1));
+        ASSERT_TRUE(scripted_kernel::waitForChange(
+            [&](const auto& change) { return change.udata == endpoint.get(); }));
+        waitForTurn();
+        EXPECT_EQ(1, countChanges(endpoint.get(), EVFILT_WRITE, EV_ADD | EV_ENABLE));
+    }
+}
+
+// Such a filter is left armed by a connection that has come to stand.
+TEST_F(RvKQueueScript, TheWriteFilterOfASocketWithNothingToSendIsDisarmed) {
     DescriptorPair pair = DescriptorPair::socketPair();
     const auto endpoint = loop->createStreamSocket(pair.release(0), true);
-    EXPECT_TRUE(loop->write(endpoint, "x", 0));
-    EXPECT_TRUE(loop->write(endpoint, "x", 1));
-    ASSERT_TRUE(
-        scripted_kernel::waitForChange([&](const auto& change) { return change.udata == endpoint.get(); }));
+    deliverAndWait({record(0, EVFILT_WRITE, EV_ADD | EV_ENABLE, endpoint.get(), 1000)});
     waitForTurn();
-    EXPECT_EQ(1, countChanges(endpoint.get(), EVFILT_WRITE, EV_ADD | EV_ENABLE));
+    EXPECT_EQ(1, countChanges(endpoint.get(), EVFILT_WRITE, EV_DELETE));
+}
+
+TEST_F(RvKQueueScript, EventZeroComesBeforeTheReadFilterIsArmed) {
+    DescriptorPair forSocket = DescriptorPair::socketPair();
+    DescriptorPair forPair = DescriptorPair::socketPair();
+    const int both[] = {forPair[0], forPair[0]};
+    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {loop->createStreamSocket(forSocket[0], false),
+                                                                loop->createBipipeClient(both, false)};
+    for (const auto& endpoint : endpoints) {
+        int armedBefore = -1;
+        loop->startObject(endpoint, Recorder().block([&](const RecordedEvent&, std::uint64_t*) {
+            waitForTurn();  // what had been submitted would have gone out
+            armedBefore = countChanges(endpoint.get(), EVFILT_READ, EV_ADD | EV_ENABLE);
+            return true;
+        }));
+        waitForTurn();
+        EXPECT_EQ(0, armedBefore);
+        EXPECT_EQ(1, countChanges(endpoint.get(), EVFILT_READ, EV_ADD | EV_ENABLE));
+    }
 }
 
 TEST_F(RvKQueueScript, TheWriteFilterIsDisarmedOnceAllHasLeft) {
