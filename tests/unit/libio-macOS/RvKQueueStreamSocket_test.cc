@@ -76,6 +76,16 @@ TEST(RvKQueueStreamSocketConnect, ADescriptorWhoseModeCannotBeSetIsNotTried) {
     EXPECT_EQ(0, close(pathOnly));
 }
 
+TEST(RvKQueueStreamSocketConnect, TheSocketIsBlockingAfterwardsWhateverItWas) {
+    const struct sockaddr_in address = loopback(freePort());
+    for (const int mode : {0, static_cast<int>(SOCK_NONBLOCK)}) {
+        const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | mode, 0);
+        EXPECT_TRUE(ConnectingSocket(sock).connectTo(asSockaddr(address)));
+        EXPECT_EQ(0, fcntl(sock, F_GETFL) & O_NONBLOCK);
+        EXPECT_EQ(0, close(sock));
+    }
+}
+
 TEST(RvKQueueStreamSocketConnect, InputIsIgnoredUntilTheConnectionStands) {
     DescriptorPair pair = DescriptorPair::socketPair();
     ConnectingSocket endpoint(pair[0]);
