@@ -179,6 +179,17 @@ TEST_F(RvKQueueUnixClientConnect, APathOf104BytesFailsAtCreation) {
     EXPECT_EQ(before, openDescriptorCount());
 }
 
+TEST_F(RvKQueueUnixClientConnect, WhatFailsAtCreationIsStoppedFirst) {
+    waitForTurn();  // its thread has no more to say
+    EXPECT_FALSE(loop->createUnixClient(directory.pathOfLength(104).c_str()));
+    const auto lines = capturedLog();
+    ASSERT_GE(lines.size(), 2u);
+    const LogLine& stopped = lines[lines.size() - 2];
+    EXPECT_EQ(LogLevel::kDebug, stopped.level);
+    EXPECT_TRUE(stopped.text.starts_with("<0x") && stopped.text.ends_with(">: stop")) << stopped.text;
+    EXPECT_EQ(kFailure, lines.back().text);
+}
+
 TEST_F(RvKQueueUnixClientConnect, OutputQueuedBeforehandIsSent) {
     const std::string path = directory.path("s");
     const int listener = listenAt(path, 5);
