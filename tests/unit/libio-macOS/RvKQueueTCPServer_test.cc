@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -133,6 +134,7 @@ TEST_F(RvKQueueTCPServerAccept, TheBlockSeesThePeersAddress) {
     ASSERT_TRUE(recorder.waitFor(kEventData));
     const auto event = recorder.events()[0];
     EXPECT_EQ(136u, event.size);
+    EXPECT_EQ(server.get(), event.object);
     EXPECT_FALSE(event.hasDropSize);
     const AcceptedConnection accepted = acceptedIn(event);
     struct sockaddr_in peer = {};
@@ -142,6 +144,53 @@ TEST_F(RvKQueueTCPServerAccept, TheBlockSeesThePeersAddress) {
     EXPECT_EQ(own.sin_addr.s_addr, peer.sin_addr.s_addr);
     EXPECT_EQ(FD_CLOEXEC, fcntl(accepted.descriptor, F_GETFD));
     EXPECT_EQ(0, close(accepted.descriptor));
+    EXPECT_EQ(0, close(client));
+}
+
+TEST_F(RvKQueueTCPServerAccept, TheBlockSeesAnIPv6PeersWholeAddress) {
+    struct sockaddr_in6 address6 = {};
+    address6.sin6_family = AF_INET6;
+    address6.sin6_addr = in6addr_loopback;
+    auto* const generic = reinterpret_cast<struct sockaddr*>(&address6);
+    const int client = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (client == -1) GTEST_SKIP() << "this system has no IPv6";
+    if (bind(client, generic, sizeof address6) == -1) {
+        EXPECT_EQ(0, close(client));
+        GTEST_SKIP() << "this system has no IPv6 loopback";
+    }
+    const auto server = loop->createTCPServer(generic);
+    ASSERT_TRUE(server);
+    socklen_t length = sizeof address6;
+    ASSERT_EQ(0, getsockname(socketOf(*server), generic, &length));
+    loop->startObject(server, recorder.block());
+    ASSERT_EQ(0, connect(client, generic, length));
+    struct sockaddr_storage own = {};
+    length = sizeof own;
+    ASSERT_EQ(0, getsockname(client, reinterpret_cast<struct sockaddr*>(&own), &length));
+    EXPECT_EQ(28u, length);
+    ASSERT_TRUE(recorder.waitFor(kEventData));
+    const AcceptedConnection accepted = acceptedIn(recorder.events()[0]);
+    EXPECT_EQ(0, std::memcmp(&own, &accepted.peer.address, sizeof own));  // what lies behind is zero
+    EXPECT_EQ(0, close(accepted.descriptor));
+    EXPECT_EQ(0, close(client));
+}
+
+TEST_F(RvKQueueTCPServerAccept, OtherFiltersAreIgnored) {
+    const auto server = makeServer();
+    struct pollfd waiting = {socketOf(*server), POLLIN, 0};
+    const int client = connectClient();
+    ASSERT_TRUE(waitUntil([&] { return poll(&waiting, 1, 0) == 1; }));
+    waitForTurn();
+    const std::size_t linesBefore = capturedLog().size();
+    struct kevent record;
+    server->initReadEvent(&record, EV_ADD);
+    record.filter = EVFILT_WRITE;
+    server->kevent(&record);
+    record.filter = EVFILT_TIMER;
+    record.flags |= EV_ERROR;
+    server->kevent(&record);
+    EXPECT_EQ(1, poll(&waiting, 1, 0));  // nobody has accepted
+    EXPECT_EQ(linesBefore, capturedLog().size());
     EXPECT_EQ(0, close(client));
 }
 

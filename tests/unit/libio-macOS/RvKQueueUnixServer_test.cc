@@ -1,6 +1,7 @@
 #include "libio-macOS/RvKQueueUnixServer.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -70,6 +71,20 @@ TEST_F(RvKQueueUnixServerListen, TheFileHasExactlyTheModeWhateverTheUmask) {
     EXPECT_TRUE(loop->createUnixServer(path.c_str(), 0666));
     umask(before);
     EXPECT_EQ(S_IFSOCK | 0666, modeOf(path));
+}
+
+TEST_F(RvKQueueUnixServerListen, AModeMayHaveMoreBitsThanThePermissions) {
+    constexpr std::uint16_t kModes[] = {01700, 04600, 07777};
+    for (const std::uint16_t mode : kModes) {
+        EXPECT_TRUE(loop->createUnixServer(path.c_str(), mode));
+        EXPECT_EQ(S_IFSOCK | mode, modeOf(path));
+    }
+}
+
+TEST_F(RvKQueueUnixServerListen, ARegularFileIsReplaced) {
+    EXPECT_EQ(0, close(open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)));
+    EXPECT_TRUE(loop->createUnixServer(path.c_str(), 0640));
+    EXPECT_EQ(S_IFSOCK | 0640, modeOf(path));
 }
 
 TEST_F(RvKQueueUnixServerListen, AStaleSocketFileIsReplaced) {
@@ -151,6 +166,24 @@ TEST_F(RvKQueueUnixServerAccept, NothingComesInsideStartObject) {
     const auto server = loop->createUnixServer(path.c_str(), 0600);
     loop->startObject(server, recorder.block());
     EXPECT_EQ(0u, recorder.events().size());
+}
+
+TEST_F(RvKQueueUnixServerAccept, OtherFiltersAreIgnored) {
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    struct kevent record;
+    server->initReadEvent(&record, EV_ADD);
+    struct pollfd waiting = {static_cast<int>(record.ident), POLLIN, 0};
+    const int client = connectTo(path);
+    waitForTurn();
+    const std::size_t linesBefore = capturedLog().size();
+    record.filter = EVFILT_WRITE;
+    server->kevent(&record);
+    record.filter = EVFILT_TIMER;
+    record.flags |= EV_ERROR;
+    server->kevent(&record);
+    EXPECT_EQ(1, poll(&waiting, 1, 0));  // nobody has accepted
+    EXPECT_EQ(linesBefore, capturedLog().size());
+    EXPECT_EQ(0, close(client));
 }
 
 TEST_F(RvKQueueUnixServerAccept, TheBlockSeesThePeer) {
