@@ -491,6 +491,21 @@ TEST_F(RvKQueueFactoryFault, WithoutADescriptorThereIsNoSocket) {
         loggedErrors());
 }
 
+TEST_F(RvKQueueFactoryFault, AListenerThatCannotListenIsClosed) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("s");
+    const struct sockaddr_in address = loopback(0);
+    const int descriptors = openDescriptorCount();
+    faults::failHere(Kind::kListen, 1, 2);
+    EXPECT_FALSE(loop->createUnixServer(path.c_str(), 0600));
+    EXPECT_FALSE(loop->createTCPServer(asSockaddr(address)));
+    EXPECT_TRUE(faults::hasFailed());
+    EXPECT_EQ(descriptors, openDescriptorCount());
+    EXPECT_EQ((std::vector<std::string>{"cannot initialize unix server socket object",
+                                        "cannot initialize TCP server socket object"}),
+              loggedErrors());
+}
+
 int descriptorIn(const RecordedEvent& event) {
     std::int32_t descriptor = -1;
     std::memcpy(&descriptor, event.bytes.data(), sizeof descriptor);
@@ -678,6 +693,33 @@ TEST_F(RvKQueueStop, TakesAboutASecond) {
     loop->stop();
     EXPECT_TRUE(slept);
     EXPECT_EQ(1, faults::longestSleepSeconds());
+}
+
+TEST_F(RvKQueueStop, DoesNotSleepOnceTheThreadHasEnded) {
+    faults::failElsewhere(Kind::kRealloc);
+    loop->start();
+    loop->waitForEnd();
+    const std::int64_t before = faults::sleptSeconds();
+    loop->stop();
+    EXPECT_EQ(before, faults::sleptSeconds());
+}
+
+TEST_F(RvKQueueStop, CancelsEvenTheFirstTurn) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const auto endpoint = loop->createStreamSocket(pair.release(0), true);
+    Recorder recorder;
+    loop->startObject(endpoint, recorder.block());
+    writeAll(pair[1], "x");
+    static std::int64_t before = 0;
+    before = faults::sleptSeconds();
+    // The thread gets no further than its first line until stop has begun to wait for it.
+    setOsLogSink([](LogLevel, const char*, const char*, const char* text) {
+        if (std::strcmp(text, "io thread started") != 0) return;
+        EXPECT_TRUE(waitUntil([] { return faults::sleptSeconds() > before; }));
+    });
+    loop->start();
+    loop->stop();
+    EXPECT_EQ(0, recorder.count(kEventData));
 }
 
 }  // namespace

@@ -111,6 +111,7 @@ int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
                           void* argument);
 int __real_eventfd(unsigned int initial, int flags);
 int __real_socket(int family, int type, int protocol);
+int __real_listen(int sock, int backlog);
 int __real_accept4(int sock, struct sockaddr* address, socklen_t* length, int flags);
 int __real_nanosleep(const struct timespec* wanted, struct timespec* left);
 int __real_close(int descriptor);
@@ -121,6 +122,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
                           void* argument);
 int __wrap_eventfd(unsigned int initial, int flags);
 int __wrap_socket(int family, int type, int protocol);
+int __wrap_listen(int sock, int backlog);
 int __wrap_accept4(int sock, struct sockaddr* address, socklen_t* length, int flags);
 int __wrap_nanosleep(const struct timespec* wanted, struct timespec* left);
 int __wrap_close(int descriptor);
@@ -147,6 +149,12 @@ int __wrap_eventfd(unsigned int initial, int flags) {
 int __wrap_socket(int family, int type, int protocol) {
     if (!shouldFail(Kind::kSocket)) return __real_socket(family, type, protocol);
     errno = EMFILE;
+    return -1;
+}
+
+int __wrap_listen(int sock, int backlog) {
+    if (!shouldFail(Kind::kListen)) return __real_listen(sock, backlog);
+    errno = EADDRINUSE;
     return -1;
 }
 

@@ -1,6 +1,6 @@
 /// Failures on demand: allocations, locks, threads and descriptors of a program linked with
-/// --wrap=realloc,pthread_mutex_init,pthread_create,eventfd,socket,accept4,nanosleep,close. The program's
-/// operator new is replaced.
+/// --wrap=realloc,pthread_mutex_init,pthread_create,eventfd,socket,listen,accept4,nanosleep,close. The
+/// program's operator new is replaced.
 #ifndef RV_TESTS_ENGINE_FAULTS_H
 #define RV_TESTS_ENGINE_FAULTS_H
 
@@ -9,7 +9,7 @@
 namespace faults {
 
 /// What can be made to fail. kMemory is operator new and realloc together.
-enum class Kind { kMemory, kNew, kRealloc, kMutex, kThread, kEventfd, kSocket, kAccept };
+enum class Kind { kMemory, kNew, kRealloc, kMutex, kThread, kEventfd, kSocket, kListen, kAccept };
 
 /// Makes the n-th call (1: the next) of this kind on this thread fail, and `times` - 1 calls after it.
 void failHere(Kind kind, int nth, int times = 1);
