@@ -99,6 +99,20 @@ TEST_F(RvKQueueBipipeClientInput, IsOfferedAndKept) {
     EXPECT_EQ("bcd", data[1].bytes);
 }
 
+TEST_F(RvKQueueBipipeClientInput, EveryEventNamesItsEndpoint) {
+    start();
+    writeAll(in[1], "a");
+    report(EVFILT_READ, 1);
+    in.close(1);
+    report(EVFILT_READ, 0);
+    std::vector<std::int32_t> codes;
+    for (const RecordedEvent& event : recorder.events()) {
+        codes.push_back(event.code);
+        EXPECT_EQ(endpoint.get(), event.object) << event.code;
+    }
+    EXPECT_EQ((std::vector<std::int32_t>{kEventConnected, kEventData, kEventClosed}), codes);
+}
+
 TEST_F(RvKQueueBipipeClientInput, AShortReadKeepsTheReportedLength) {
     start();
     writeAll(in[1], "abc");
@@ -223,6 +237,36 @@ TEST_F(RvKQueueBipipeClientRun, CarriesBytesBothWays) {
     EXPECT_EQ("from it", readExactly(out[0], 7));
 }
 
+TEST_F(RvKQueueBipipeClientRun, TheModeOfItsDescriptorsStaysAsItIs) {
+    const struct {
+        int in;
+        int out;
+    } modes[] = {{0, O_NONBLOCK}, {O_NONBLOCK, 0}};
+    for (const auto& mode : modes) {
+        DescriptorPair in = DescriptorPair::pipe();
+        DescriptorPair out = DescriptorPair::pipe();
+        ASSERT_EQ(0, fcntl(in[0], F_SETFL, mode.in));
+        ASSERT_EQ(0, fcntl(out[1], F_SETFL, mode.out));
+        const auto expectUnchanged = [&] {
+            EXPECT_EQ(mode.in, fcntl(in[0], F_GETFL) & O_NONBLOCK);
+            EXPECT_EQ(mode.out, fcntl(out[1], F_GETFL) & O_NONBLOCK);
+        };
+        const std::int32_t descriptors[2] = {in[0], out[1]};
+        Recorder recorder;
+        const auto endpoint = loop->createBipipeClient(descriptors, false);
+        expectUnchanged();
+        loop->startObject(endpoint, recorder.block());
+        writeAll(in[1], "x");
+        ASSERT_TRUE(recorder.waitForBytes(1));
+        loop->write(endpoint, "y", 1);
+        EXPECT_EQ("y", readExactly(out[0], 1));
+        expectUnchanged();
+        loop->stopObject(endpoint);
+        waitForTurn();
+        expectUnchanged();
+    }
+}
+
 TEST_F(RvKQueueBipipeClientRun, ClosingTheFarEndOfTheReadSideIsEventTwo) {
     DescriptorPair in = DescriptorPair::pipe();
     DescriptorPair out = DescriptorPair::pipe();
@@ -232,6 +276,24 @@ TEST_F(RvKQueueBipipeClientRun, ClosingTheFarEndOfTheReadSideIsEventTwo) {
     loop->startObject(endpoint, recorder.block());
     in.close(1);
     EXPECT_TRUE(recorder.waitFor(kEventClosed));
+}
+
+TEST_F(RvKQueueBipipeClientRun, TheEndIsEventTwoUntilRetired) {
+    DescriptorPair in = DescriptorPair::pipe();
+    DescriptorPair out = DescriptorPair::pipe();
+    const std::int32_t descriptors[2] = {in.release(0), out.release(1)};
+    Recorder recorder;
+    const auto endpoint = loop->createBipipeClient(descriptors, true);
+    loop->startObject(endpoint, recorder.block());
+    writeAll(in[1], "last words");
+    in.close(1);
+    ASSERT_TRUE(recorder.waitFor(kEventClosed, 3));
+    EXPECT_EQ("last words", recorder.received());
+    loop->stopObject(endpoint);
+    waitForTurn();
+    const int afterwards = recorder.count(kEventClosed);
+    waitForTurn();
+    EXPECT_EQ(afterwards, recorder.count(kEventClosed));
 }
 
 TEST_F(RvKQueueBipipeClientRun, ClosingTheFarEndOfTheWriteSideIsEventTwoOnceThereIsOutput) {
@@ -256,6 +318,21 @@ TEST_F(RvKQueueBipipeClientRun, StopClosesOwnedDescriptors) {
     EXPECT_EQ("", readExactly(out[0], 1));
     EXPECT_TRUE(waitUntil([&] { return !isOpen(descriptors[0]) && !isOpen(descriptors[1]); }));
     EXPECT_TRUE(isLogged(LogLevel::kDebug, "<" + pointerText(endpoint.get()) + ">: stop"));
+}
+
+TEST_F(RvKQueueBipipeClientRun, StopLeavesTheConnectionToADuplicate) {
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const int duplicate = dup(pair[0]);
+    const std::int32_t descriptors[2] = {pair[0], pair.release(0)};
+    const auto endpoint = loop->createBipipeClient(descriptors, true);
+    loop->startObject(endpoint, {});
+    loop->stopObject(endpoint);
+    ASSERT_TRUE(waitUntil([&] { return !isOpen(descriptors[0]); }));
+    writeAll(duplicate, "out");
+    EXPECT_EQ("out", readExactly(pair[1], 3));
+    writeAll(pair[1], "in");
+    EXPECT_EQ("in", readExactly(duplicate, 2));
+    EXPECT_EQ(0, close(duplicate));
 }
 
 TEST_F(RvKQueueBipipeClientRun, StopLeavesDescriptorsThatAreNotOwned) {
