@@ -10,8 +10,10 @@
 
 #include "libio-macOS/RvKQueueBipipeClient.h"
 #include "libio-macOS/RvKQueueStreamSocket.h"
+#include "libio-macOS/RvKQueueTCPClient.h"
 #include "libio-macOS/RvKQueueTCPServer.h"
 #include "libio-macOS/RvKQueueTimer.h"
+#include "libio-macOS/RvKQueueUnixClient.h"
 #include "libio-macOS/RvKQueueUnixServer.h"
 #include "unit/libio-macOS/support/engine_fixture.h"
 
@@ -40,6 +42,36 @@ TEST_F(RvKQueueInit, ALoopThatNeverRanGivesEverythingBack) {
         EXPECT_EQ(before + 3, openDescriptorCount());
     }
     EXPECT_EQ(before, openDescriptorCount());
+}
+
+TEST_F(RvKQueueInit, ItsEndpointsLogUnderItsSubsystemToo) {
+    constexpr const char* kOtherSubsystem = "org.example.test.other";
+    const auto other = RvKQueue::initWithSubsystem(kOtherSubsystem);
+    ASSERT_TRUE(other);
+    captureLog();
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("s");
+    const struct sockaddr_in address = loopback(0);
+    DescriptorPair pair = DescriptorPair::socketPair();
+    const std::int32_t both[2] = {pair[1], pair[1]};
+    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {
+        other->createStreamSocket(pair[0], false),
+        other->createBipipeClient(both, false),
+        other->createUnixServer(path.c_str(), 0600),
+        other->createUnixClient(path.c_str()),
+        other->createTCPServer(asSockaddr(address)),
+        other->createTCPClient(asSockaddr(loopback(freePort()))),
+        other->createTimer(1000, true)};
+    for (const auto& endpoint : endpoints) {
+        ASSERT_TRUE(endpoint);
+        endpoint->stop();
+    }
+    const auto lines = capturedLog();
+    EXPECT_EQ(2 * std::size(endpoints), lines.size());  // of its creation and of its end
+    for (const LogLine& line : lines) {
+        EXPECT_EQ(kOtherSubsystem, line.subsystem) << line.text;
+        EXPECT_EQ("kqueue", line.category) << line.text;
+    }
 }
 
 /// One descriptor is all that a loop must have.
