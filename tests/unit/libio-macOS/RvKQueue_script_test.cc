@@ -571,6 +571,29 @@ TEST_F(RvKQueueScript, TimerRecordsCarryPeriodAndFlags) {
     EXPECT_EQ(0u, recorder.events().size());
 }
 
+TEST_F(RvKQueueScript, ATimersPeriodHasThirtyTwoBitsAndASign) {
+    const struct {
+        std::uint64_t milliseconds;
+        std::int64_t data;
+    } rows[] = {
+        {0, 0},
+        {0x7fff'ffff, 0x7fff'ffff},
+        {0x8000'0000, -0x8000'0000LL},
+        {0xffff'ffff, -1},
+        {0x1'0000'0000, 0},
+        {0x1'0000'00fa, 250},
+    };
+    for (const auto& row : rows) {
+        const auto timer = loop->createTimer(row.milliseconds, true);
+        ASSERT_TRUE(timer);
+        loop->startObject(timer, [](auto...) { return true; });
+        EXPECT_TRUE(scripted_kernel::waitForChange([&](const auto& change) {
+            return change.udata == timer.get() && change.data == row.data &&
+                   change.flags == (EV_ADD | EV_ENABLE | EV_ONESHOT);
+        })) << row.milliseconds;
+    }
+}
+
 TEST_F(RvKQueueScript, SeveralExpirationsInOneRecordAreOneEvent) {
     const auto timer = loop->createTimer(1, false);
     Recorder recorder;

@@ -455,6 +455,7 @@ TEST_F(RvKQueueStop, StopsEachLiveEndpointOnceAndGivesDescriptorsBack) {
 TEST_F(RvKQueueStop, ItsNumberBelongsToOthersAfterwards) {
     loop->stop();
     std::vector<DescriptorPair> others;
+    others.reserve(8);
     for (int i = 0; i < 8; ++i) others.push_back(DescriptorPair::pipe());
     loop.reset();
     for (const DescriptorPair& other : others) {
