@@ -20,9 +20,10 @@ TEST(JsonReads, NumberIsABoolean) {
     const struct {
         JsonValue value;
         bool expected;
-    } rows[] = {{0, false},   {1, true},   {-1, true},   {256, true},
-                {0U, false},  {1U, true},  {2U, true},   {std::numeric_limits<std::uint64_t>::max(), true},
-                {0.0, false}, {0.5, true}, {-0.0, false}};
+    } rows[] = {{0, false},    {1, true},   {-1, true},    {256, true},
+                {0U, false},   {1U, true},  {2U, true},    {std::numeric_limits<std::uint64_t>::max(), true},
+                {0.0, false},  {0.5, true}, {-0.0, false}, {4294967296LL, true},
+                {1e-300, true}};
     for (const auto& [value, expected] : rows) {
         EXPECT_EQ(asBool(&value), expected) << value.kind();
     }

@@ -65,6 +65,26 @@ TEST(ConnectionReport, PortReadsAsItsLow16Bits) {
               "net\t12345678\t1\nnet\t12345678\t65535\nnet\t12345678\t1\nnet\t12345678\t80\n");
 }
 
+TEST(ConnectionReport, EmptyApplicationAndProcessIdZeroAreASession) {
+    EXPECT_EQ(rows(R"({"app":"","appPID":0},{"app":"Desk","appPID":true})"),
+              "rdesk\t\t\t0\nrdesk\tDesk\t\t1\n");
+}
+
+TEST(ConnectionReport, TextIsPrintedVerbatimUpToItsFirstNul) {
+    EXPECT_EQ(rows(R"({"app":"/x/a\tb\u00e4\\c","appPID":1},{"addr":"a\u001bb\u00e4\\\t","port":2},)"
+                   R"({"app":"/a/b\u0000/cdefgh","appPID":3},{"addr":"ab\u0000cdefgh","port":4})"),
+              "rdesk\ta\tb\xc3\xa4\\c\t1\nnet\ta\x1b"
+              "b\xc3\xa4\\\t\t\t2\n"
+              "rdesk\tb\t\t3\nnet\tab\t\t4\n");
+}
+
+TEST(ConnectionReport, SessionOfAnotherTypeIsNoNetworkRowEither) {
+    for (const char* session :
+         {R"("app":null,"appPID":null)", R"("app":1,"appPID":1)", R"("app":"a","appPID":"1")"}) {
+        EXPECT_EQ(rows("{" + std::string(session) + R"(,"addr":"pc1","port":1})"), "") << session;
+    }
+}
+
 TEST(ConnectionReport, OtherElementsAreSkipped) {
     for (const char* element :
          {"7", "null", "[]", "\"x\"", "{}", R"({"addr":"pc1"})", R"({"port":1})", R"({"app":"a"})",

@@ -70,6 +70,13 @@ TEST(DeviceReport, PortOf24BytesGivesTheHeaderTwoTabsAndShortRowsThree) {
               "ID\tVID: PID: REV\tPort\t\t\tDevice name and status\n" + row(port, "") + row("1", "\t\t\t"));
 }
 
+TEST(DeviceReport, WidthHasNoLimit) {
+    const std::string port(47, 'p');
+    EXPECT_EQ(
+        report(listOf(device(port) + "," + device("1"))),
+        "ID\tVID: PID: REV\tPort\t\t\t\t\tDevice name and status\n" + row(port, "") + row("1", "\t\t\t\t\t"));
+}
+
 TEST(DeviceReport, WidthCountsBytesNotCharacters) {
     // Eight characters, sixteen bytes.
     const std::string port = "\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4";
@@ -93,6 +100,22 @@ TEST(DeviceReport, BuiltInWithoutSerial) {
               std::string(kHeader) + "2\t0001:0002:0003\t1\tHub /built-in, blocked/\n");
 }
 
+TEST(DeviceReport, EveryNumberButZeroIsBuiltIn) {
+    for (const char* number : {"2", "256", "-1", "0.5", "4294967296"}) {
+        EXPECT_EQ(report(listOf(R"({"id":2,"vid":1,"pid":2,"rev":3,"name":"Hub","state":"blocked",)"
+                                R"("serial":"","port":"1","built-in":)" +
+                                std::string(number) + "}")),
+                  std::string(kHeader) + "2\t0001:0002:0003\t1\tHub /built-in, blocked/\n")
+            << number;
+    }
+}
+
+TEST(DeviceReport, BooleansAreNumbers) {
+    EXPECT_EQ(report(listOf(R"({"id":true,"vid":true,"pid":true,"rev":true,"built-in":true,"port":"1",)"
+                            R"("serial":"","name":"n","state":"s"})")),
+              std::string(kHeader) + "1\t0001:0001:0001\t1\tn /built-in, s/\n");
+}
+
 TEST(DeviceReport, EveryOptionalPartInItsPlace) {
     EXPECT_EQ(
         report(listOf(R"({"id":3,"vid":65535,"pid":0,"rev":16,"built-in":1,"name":"Cam","state":"in use",)"
@@ -108,6 +131,11 @@ TEST(DeviceReport, ApplicationWithoutAddressFollowsTheState) {
 TEST(DeviceReport, ApplicationWithoutProcessIdShowsZero) {
     EXPECT_EQ(report(listOf(device("1", R"(,"app":"Foo")"))),
               std::string(kHeader) + row("1", "", "shared@Foo(0)"));
+}
+
+TEST(DeviceReport, EmptyApplicationStillShowsItsProcessId) {
+    EXPECT_EQ(report(listOf(device("1", R"(,"app":"","appPID":5)"))),
+              std::string(kHeader) + row("1", "", "shared@(5)"));
 }
 
 TEST(DeviceReport, EmptyAddressStillShowsTheAtSign) {
@@ -210,6 +238,19 @@ TEST(DeviceReport, TextIsPrintedVerbatim) {
     EXPECT_EQ(report(listOf(R"({"id":1,"vid":1,"pid":1,"rev":1,"built-in":false,"port":"%s","serial":"%d",)"
                             R"("name":"a\tb %n","state":"\u00e4\"\\"})")),
               std::string(kHeader) + "1\t0001:0001:0001\t%s\ta\tb %n /\xc3\xa4\"\\, %d/\n");
+}
+
+TEST(DeviceReport, EveryTextEndsAtItsFirstNul) {
+    EXPECT_EQ(report(listOf(R"({"id":1,"vid":1,"pid":1,"rev":1,"built-in":false,"port":"1\u0000p",)"
+                            R"("serial":"se\u0000rial","name":"na\u0000me","state":"st\u0000ate",)"
+                            R"("addr":"ad\u0000dr","app":"/a/b\u0000/c"},)" +
+                            device("2", R"(,"serial":"\u0000x")"))),
+              std::string(kHeader) + "1\t0001:0001:0001\t1\tna /st@ad@b(0), se/\n" + row("2", ""));
+}
+
+TEST(DeviceReport, PortCountsForTheWidthUpToItsFirstNul) {
+    EXPECT_EQ(report(listOf(device("1\\u000045678901234567") + "," + device("2"))),
+              std::string(kHeader) + row("1", "") + row("2", ""));
 }
 
 TEST(DeviceReport, ListLargerThanTheWritersBuffer) {

@@ -68,6 +68,13 @@ TEST(EventMonitor, DeviceEventForms) {
         {R"({"id":7,"name":"Key","state":"used","appPID":12})", "device id:7 \"Key\" got used\n"},
         {R"({"id":-1,"name":"","state":""})", "device id:4294967295 \"\" got \n"},
         {R"({"id":true,"name":"a\"b","state":"s"})", "device id:1 \"a\"b\" got s\n"},
+        {R"({"id":7,"name":"Key","state":"used","app":"","appPID":5})", "device id:7 \"Key\" got used@(5)\n"},
+        {R"({"id":7,"name":"Key","state":"used","app":"/A/Foo","appPID":true})",
+         "device id:7 \"Key\" got used@Foo(1)\n"},
+        {R"({"id":7,"name":"a\tb\n\u001b\u00e4","state":"\u00fc\u0007","addr":"\u00e4\t","app":"/A/\u00fc\\\t"})",
+         "device id:7 \"a\tb\n\x1b\xc3\xa4\" got \xc3\xbc\a@\xc3\xa4\t@\xc3\xbc\\\t(0)\n"},
+        {R"({"id":7,"name":"K\u0000y","state":"u\u0000d","addr":"p\u0000c","app":"/A/F\u0000o/b"})",
+         "device id:7 \"K\" got u@p@F(0)\n"},
     };
     for (const auto& [json, expected] : rows) {
         EXPECT_EQ(line(kCmdDeviceEvent, json), expected) << json;
@@ -99,6 +106,14 @@ TEST(EventMonitor, ConnectionEventForms) {
         {R"({"state":"gone","addr":"pc1","app":"/A/Foo","appPID":5})", "(5)/A/Foo is gone\n"},
         {R"({"state":"gone","port":1,"app":"/A/Foo","appPID":5})", "(5)/A/Foo is gone\n"},
         {R"({"state":"gone","addr":"pc1","port":1,"app":"/A/Foo","appPID":5})", "host pc1:1 is gone\n"},
+        {R"({"state":"gone","app":"/A/Foo","appPID":4294967295})", "(4294967295)/A/Foo is gone\n"},
+        {R"({"state":"","addr":"","port":0,"app":"/A/Foo","appPID":5})", "host :0 is \n"},
+        {R"({"state":"gone","app":"","appPID":0})", "(0) is gone\n"},
+        {R"({"state":"gone","addr":"pc1","port":true})", "host pc1:1 is gone\n"},
+        {R"({"state":"gone","app":"/A/Foo","appPID":true})", "(1)/A/Foo is gone\n"},
+        {R"({"state":"\u00fc\t","addr":"\u00e4\n","port":1})", "host \xc3\xa4\n:1 is \xc3\xbc\t\n"},
+        {R"({"state":"s\u0000t","addr":"p\u0000c","port":1})", "host p:1 is s\n"},
+        {R"({"state":"s","app":"/\u00e4\t/F\u0000o","appPID":1})", "(1)/\xc3\xa4\t/F is s\n"},
         {R"({"state":"s"})", ""},
         {R"({"state":"s","addr":"pc1"})", ""},
         {R"({"state":"s","app":"/A/Foo"})", ""},

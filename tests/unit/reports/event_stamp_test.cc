@@ -74,6 +74,18 @@ TEST_F(EventStamp, ChangesWithTheSecondAndNotBefore) {
               "[Sun Sep 09 01:46:41 2001]: rule list changed\n");
 }
 
+TEST_F(EventStamp, FollowsAClockThatIsSetBack) {
+    const std::string lines = printed("{}", [](const JsonObject& event, std::FILE* stream) {
+        EventMonitor monitor(stream);
+        EXPECT_TRUE(monitor.print(kCmdRuleListEvent, event));
+        --now;
+        EXPECT_TRUE(monitor.print(kCmdRuleListEvent, event));
+    });
+    EXPECT_EQ(lines,
+              "[Sun Sep 09 01:46:40 2001]: rule list changed\n"
+              "[Sun Sep 09 01:46:39 2001]: rule list changed\n");
+}
+
 TEST_F(EventStamp, IsADashWhenTheTimeCannotBeConverted) {
     const std::string lines = printed("{}", [](const JsonObject& event, std::FILE* stream) {
         EventMonitor monitor(stream);

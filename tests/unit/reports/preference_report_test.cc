@@ -36,6 +36,11 @@ TEST(PreferenceReport, ValuesAreNotLookedAt) {
     EXPECT_EQ(report(R"({"a":{"p":null,"q":[1],"r":"x"}})"), std::string(kHeader) + "a\tp q r \n");
 }
 
+TEST(PreferenceReport, TextIsPrintedVerbatimUpToItsFirstNul) {
+    EXPECT_EQ(report(R"({"\u00e4\t%s":{"\u00fc\n":1},"046d\u0000x":{"grab\u0000y":1}})"),
+              std::string(kHeader) + "\xc3\xa4\t%s\t\xc3\xbc\n \n046d\tgrab \n");
+}
+
 TEST(PreferenceReport, EntriesThatAreNoDictionaryAreSkipped) {
     EXPECT_EQ(report(R"({"a":1,"b":null,"c":[],"d":"x","e":true,"f":{"p":1}})"),
               std::string(kHeader) + "f\tp \n");
