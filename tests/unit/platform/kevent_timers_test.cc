@@ -94,8 +94,8 @@ TEST_P(KeventTimerUnits, FiresAfterItsTime) {
     const Queue queue;
     const int64_t begin = nowNs();
     ASSERT_EQ(queue.apply(timer(1, kArm | EV_ONESHOT, GetParam().data, GetParam().fflags)), 0);
-    EXPECT_TRUE(queue.collect().empty() || nowNs() - begin >= GetParam().ns);
-    const auto event = queue.next();
+    const auto early = queue.collect();
+    const auto event = early.empty() ? queue.next() : early.front();  // it may be due already
     EXPECT_GE(nowNs() - begin, GetParam().ns);
     EXPECT_EQ(event.data, 1);
     EXPECT_EQ(event.fflags, 0U);
