@@ -103,6 +103,13 @@ INSTANTIATE_TEST_SUITE_P(Commands, ConnectionFailures,
                                            Words{"pref"}, Words{"monitor"}),
                          [](const auto& row) { return row.param.front(); });
 
+// The path of the socket leads through /var, also where that only points to /run.
+TEST(ConnectionFailure, SocketIsLookedForBelowVar) {
+    const Exchange exchange = converse(covered(tool({"dev"}), {"/var"}, {}), Script());
+    expectResult(exchange.tool, kIo, "", kCannotConnect);
+    expectNoContact(exchange);
+}
+
 TEST(ConnectionFailure, ClosedAfterTheRequest) {
     const Exchange exchange = converse(tool({"dev", "unplug", "4"}), Script().receive().close());
     expectResult(exchange.tool, kIo, "", kTerminated);

@@ -141,6 +141,19 @@ TEST_F(ParseProtocolBuffer, FramesWithoutADataCallbackAreConsumedSilently) {
     EXPECT_EQ(errors_, "");
 }
 
+TEST_F(ParseProtocolBuffer, EachFrameGoesToTheCallbackOfItsMoment) {
+    EXPECT_TRUE(client_->setOnData([this](std::int32_t, const JsonObject&) {
+        log_.add("first");
+        EXPECT_TRUE(client_->setOnData([this](std::int32_t, const JsonObject&) {
+            log_.add("second");
+            client_->stop();
+        }));
+    }));
+    EXPECT_TRUE(parse(fake::frame(1, "{}") + fake::frame(1, "{}") + fake::frame(1, "{}")));
+    EXPECT_EQ(drop_, 30U);
+    EXPECT_EQ(log_.entries(), (std::vector<std::string>{"first", "second"}));
+}
+
 // ---- Requests and connection events: a client on a running loop, against a daemon.
 
 /// A started client; the loop is stopped at the end, which takes a second.
@@ -208,6 +221,14 @@ std::vector<RequestRow> catalogue() {
          [](Client& c) { return c.testRuleForDevice(7, "other", "pc1"); }, 10, R"({"id":7,"type":"other"})"},
         {"commit", sent([](Client& c) { c.endRuleTransaction(true); }), 11, R"({"action":"commit"})"},
         {"rollback", sent([](Client& c) { c.endRuleTransaction(false); }), 11, R"({"action":"rollback"})"},
+        {"test of a type that begins like net",
+         [](Client& c) { return c.testRuleForDevice(7, "network", "pc1"); }, 10,
+         R"({"id":7,"type":"network"})"},
+        {"empty dictionary", sent([](Client& c) {
+             const JsonObject empty;
+             c.sendJSON(&empty, -1);
+         }),
+         0xffffffff, "{}"},
         {"get preferences", sent([](Client& c) { c.getPreferences(); }), 19, nullptr},
         {"add preferences", [](Client& c) { return c.addPreferencesWithDevice("0a5c:4500"); }, 20,
          R"({"preferences":{"grab_on_plug":true},"hwid":"0a5c:4500"})"},
@@ -317,6 +338,30 @@ TEST(ConnectionEvents, ClosedConnectionIsAnErrorAndItsLastBytesAreNotParsed) {
     EXPECT_EQ(log.entries()[1], "error");
 }
 
+/// What a client says whose owner stops it at the first error.
+std::string messagesUntilStopped() {
+    Log log;
+    const std::shared_ptr<RvKQueue> loop = RvKQueue::initWithSubsystem(kSubsystem);
+    const std::shared_ptr<RvTetherIPCClient> client = RvTetherIPCClient::initWithKQueue(loop);
+    EXPECT_TRUE(client->setOnError([&log, &client] {
+        client->stop();
+        log.add("error");
+    }));
+    testing::internal::CaptureStderr();
+    loop->start();
+    client->start();
+    EXPECT_TRUE(log.waitFor("error"));
+    loop->stop();
+    EXPECT_EQ(log.entries(), std::vector<std::string>{"error"});
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST(ConnectionEvents, OwnerThatStopsAtAnErrorIsToldOnce) {
+    EXPECT_EQ(messagesUntilStopped(), "cannot connect\n");
+    const fake::FakeDaemon daemon{fake::Script().close()};
+    EXPECT_EQ(messagesUntilStopped(), "connection terminated\n");
+}
+
 TEST(ConnectionEvents, ConnectionWithoutACallbackIsSilent) {
     fake::FakeDaemon daemon{fake::Script().receive().sendFrame(12, "{}").hold()};
     Log log;
@@ -341,6 +386,7 @@ TEST(ConnectionEvents, ProtocolErrorCallsOnError) {
         ASSERT_TRUE(log.waitFor("error"));
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "invalid protocol\n");
+    EXPECT_EQ(log.entries(), (std::vector<std::string>{"connected", "error"}));
 }
 
 TEST(Client, StopDropsTheCallbacks) {
@@ -378,12 +424,32 @@ TEST(Client, StopLetsGoOfTheConnectionAndTheClient) {
     EXPECT_EQ(log.entries(), (std::vector<std::string>{"connected"}));
 }
 
+TEST(Client, IsKeptByItsConnection) {
+    fake::FakeDaemon daemon{fake::Script().hold().sendFrame(12, "{}").hold()};
+    Log log;
+    const std::shared_ptr<RvKQueue> loop = RvKQueue::initWithSubsystem(kSubsystem);
+    std::shared_ptr<RvTetherIPCClient> client = RvTetherIPCClient::initWithKQueue(loop);
+    observe(*client, log);
+    loop->start();
+    client->start();
+    ASSERT_TRUE(log.waitFor("connected"));
+    const std::weak_ptr<RvTetherIPCClient> kept = std::exchange(client, nullptr);
+    ASSERT_TRUE(daemon.waitForHold(1));
+    daemon.release();
+    EXPECT_TRUE(log.waitFor("12"));
+    client = kept.lock();
+    ASSERT_TRUE(client);
+    client->stop();
+    loop->stop();
+}
+
 TEST(Client, MayOutliveItsLoop) {
     std::shared_ptr<RvKQueue> loop = RvKQueue::initWithSubsystem(kSubsystem);
     const std::shared_ptr<RvTetherIPCClient> client = RvTetherIPCClient::initWithKQueue(loop);
     Log log;
     observe(*client, log);
-    loop.reset();
+    const std::weak_ptr<RvKQueue> gone = std::exchange(loop, nullptr);
+    EXPECT_TRUE(gone.expired());
     client->start();
     client->getDeviceList();
     client->stop();

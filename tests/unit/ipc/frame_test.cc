@@ -47,6 +47,23 @@ TEST(FrameCut, BodyMustBeWhole) {
     EXPECT_EQ(frame.body, "{}");
 }
 
+TEST(FrameCut, CommandHas32Bits) {
+    const struct {
+        std::uint32_t sent;
+        std::int32_t command;
+    } rows[] = {{0x100, 0x100},
+                {0x10000, 0x10000},
+                {0x12345678, 0x12345678},
+                {0x7fffffff, 0x7fffffff},
+                {0x80000000, -0x7fffffff - 1},
+                {0xffff0004, -0xfffc}};
+    for (const auto& [sent, command] : rows) {
+        Frame frame;
+        ASSERT_EQ(cutFrame(header(sent, 1) + "x", frame), FrameCut::kComplete);
+        EXPECT_EQ(frame.command, command);
+    }
+}
+
 TEST(FrameCut, WhatFollowsTheFrameIsLeftAlone) {
     const std::string bytes = header(0xffffffff, 1) + "xrest";
     Frame frame;

@@ -60,6 +60,7 @@ TEST(JsonReads, NumbersReadAsTheirLowBits) {
         {-2147483648LL, 0x80000000},
         {4294967296LL, 0},
         {4294967301LL, 5},
+        {9007199254740993LL, 1},
         {std::numeric_limits<std::int64_t>::min(), 0},
         {std::numeric_limits<std::uint64_t>::max(), 0xffffffff},
         {1.9, 1},

@@ -65,6 +65,10 @@ TEST(ConnectionReport, PortReadsAsItsLow16Bits) {
               "net\t12345678\t1\nnet\t12345678\t65535\nnet\t12345678\t1\nnet\t12345678\t80\n");
 }
 
+TEST(ConnectionReport, MemberThatNobodyKnowsIsNoPort) {
+    EXPECT_EQ(rows(R"({"addr":"pc1","weight":7},{"addr":"pc2","port":9,"weight":7})"), "net\tpc2\t\t9\n");
+}
+
 TEST(ConnectionReport, EmptyApplicationAndProcessIdZeroAreASession) {
     EXPECT_EQ(rows(R"({"app":"","appPID":0},{"app":"Desk","appPID":true})"),
               "rdesk\t\t\t0\nrdesk\tDesk\t\t1\n");

@@ -161,6 +161,12 @@ TEST(DeviceReport, MembersThatNobodyKnowsMakeNoDifference) {
               std::string(kHeader) + row("1", "") + row("2", "") + row("3", ""));
 }
 
+TEST(DeviceReport, MemberThatNobodyKnowsIsNoProcessId) {
+    EXPECT_EQ(report(listOf(device("1", R"(,"app":"Foo","weight":7)") + "," +
+                            device("2", R"(,"app":"Foo","appPID":9,"weight":7)"))),
+              std::string(kHeader) + row("1", "", "shared@Foo(0)") + row("2", "", "shared@Foo(9)"));
+}
+
 TEST(DeviceReport, AppPidWithoutAppIsNotShown) {
     EXPECT_EQ(report(listOf(device("1", R"(,"appPID":9)"))), std::string(kHeader) + row("1", ""));
 }
