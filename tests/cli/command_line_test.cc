@@ -39,7 +39,11 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"FirstWordInCapitals", {"DEV"}, kInvalidArgument},
         Refusal{"FirstWordShortened", {"de"}, kInvalidArgument},
         Refusal{"MonitorInCapitals", {"Monitor"}, kInvalidArgument},
+        Refusal{"MonitorWithMore", {"monitors"}, kInvalidArgument},
         Refusal{"OneDashHelp", {"-help"}, kInvalidArgument},
+        Refusal{"HelpWithoutDashes", {"help"}, kInvalidArgument},
+        Refusal{"ShortHelpInCapitals", {"-H"}, kInvalidArgument},
+        Refusal{"LongHelpInCapitals", {"--HELP"}, kInvalidArgument},
         Refusal{"ShortHelpWithMore", {"-hx"}, kInvalidArgument},
         Refusal{"LongHelpWithMore", {"--help=x"}, kInvalidArgument},
         Refusal{"LongHelpShortened", {"--hel"}, kInvalidArgument},
@@ -47,6 +51,8 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"DevFoo", {"dev", "foo"}, kInvalidArgument},
         Refusal{"DevEmptyWord", {"dev", ""}, kInvalidArgument},
         Refusal{"DevListInCapitals", {"dev", "List"}, kInvalidArgument},
+        Refusal{"DevListShortened", {"dev", "lis"}, kInvalidArgument},
+        Refusal{"DevListWithMore", {"dev", "lists"}, kInvalidArgument},
         Refusal{"DevDrop", {"dev", "drop", "h"}, kInvalidArgument},
         Refusal{"ConnUnplug", {"conn", "unplug", "1"}, kInvalidArgument},
         Refusal{"ConnEmptyWord", {"conn", ""}, kInvalidArgument},
@@ -70,6 +76,8 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"PrefAddInvalidIdWithoutPreference", {"pref", "add", "zz"}, kNoHardwareId},
         Refusal{"PrefRemoveAlone", {"pref", "remove"}, kNoHardwareId},
         Refusal{"PrefAddUnknownPreference", {"pref", "add", "1", "foo"}, "Error: unknown preference.\n"},
+        Refusal{"PrefAddEmptyPreference", {"pref", "add", "1", ""}, "Error: unknown preference.\n"},
+        Refusal{"PrefAddPreferenceShortened", {"pref", "add", "1", "grab"}, "Error: unknown preference.\n"},
         Refusal{"PrefAddPreferenceInCapitals",
                 {"pref", "add", "1", "GRAB_ON_PLUG"},
                 "Error: unknown preference.\n"},
@@ -154,6 +162,9 @@ INSTANTIATE_TEST_SUITE_P(
         Request{"DevUnplugWord", {"dev", "unplug", "abc"}, kUnplug, R"({"id":0})", kReplyOk},
         Request{"DevUnplugEmptyWord", {"dev", "unplug", ""}, kUnplug, R"({"id":0})", kReplyOk},
         Request{"DevUnplugNumberWithMore", {"dev", "unplug", " 12x"}, kUnplug, R"({"id":12})", kReplyOk},
+        Request{"DevUnplugLeadingZero", {"dev", "unplug", "010"}, kUnplug, R"({"id":10})", kReplyOk},
+        Request{"DevUnplugHexadecimal", {"dev", "unplug", "0x10"}, kUnplug, R"({"id":0})", kReplyOk},
+        Request{"DevUnplugHelp", {"dev", "unplug", "--help"}, kUnplug, R"({"id":0})", kReplyOk},
         Request{"DevUnplugNegative", {"dev", "unplug", "-5"}, kUnplug, R"({"id":4294967291})", kReplyOk},
         Request{
             "DevUnplugLargest", {"dev", "unplug", "2147483647"}, kUnplug, R"({"id":2147483647})", kReplyOk},
@@ -186,6 +197,16 @@ INSTANTIATE_TEST_SUITE_P(
                 {"conn", "drop", "-p", "x", "h"},
                 kDrop,
                 R"({"host":"h","port":0})",
+                kReplyOk},
+        Request{"ConnDropPortEmpty",
+                {"conn", "drop", "-p", "", "h"},
+                kDrop,
+                R"({"host":"h","port":0})",
+                kReplyOk},
+        Request{"ConnDropPortLeadingZero",
+                {"conn", "drop", "-p", "010", "h"},
+                kDrop,
+                R"({"host":"h","port":10})",
                 kReplyOk},
         Request{"ConnDropPortTruncated",
                 {"conn", "drop", "-p", "70000", "h"},
@@ -285,16 +306,24 @@ INSTANTIATE_TEST_SUITE_P(
             "DashesEndOptions", {"rule", "test", "-r", "--", "-5"}, R"({"id":4294967291,"type":"rdesk"})"},
         TestWords{
             "WordsAfterTheDevice", {"rule", "test", "-r", "5", "-h", "a"}, R"({"id":5,"type":"rdesk"})"},
+        TestWords{
+            "DeviceLargest", {"rule", "test", "-r", "2147483647"}, R"({"id":2147483647,"type":"rdesk"})"},
         TestWords{"DeviceThatIsNoNumber", {"rule", "test", "-r", "abc"}, R"({"id":0,"type":"rdesk"})"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(CommandLine, InvalidHardwareIdEndsWithoutUsage) {
     for (const Words& words : {Words{"pref", "add", "zz", "grab_on_plug"}, Words{"pref", "add", "zz", "foo"},
-                               Words{"pref", "remove", "zz"}}) {
+                               Words{"pref", "remove", "zz"}, Words{"pref", "remove", "--", "1"}}) {
         const Exchange exchange = converse(tool(words), Script());
         expectResult(exchange.tool, kIo, "", "Error: cannot get hardware Id.\n");
         expectNoContact(exchange);
     }
+}
+
+TEST(CommandLine, WordsAfterMonitorAreIgnored) {
+    const Exchange exchange = converse(tool({"monitor", "-h", "--help"}), Script().close());
+    expectResult(exchange.tool, kIo, "", kTerminated);
+    expectRequests(exchange, {});
 }
 
 TEST(CommandLine, EnvironmentDoesNotChangeHowOptionsAreRead) {

@@ -30,6 +30,12 @@ TEST(DevShare, NegativeIdIsSentAsUnsigned) {
                    {{kStart, ""}, {kInsert, R"({"id":4294967295,"action":"share"})"}, {kEnd, kCommit}});
 }
 
+TEST(DevShare, LargestIdIsSentWhole) {
+    const Exchange exchange = converse(tool({"dev", "block", "2147483647"}), wholeTransaction());
+    expectRequests(exchange,
+                   {{kStart, ""}, {kInsert, R"({"id":2147483647,"action":"block"})"}, {kEnd, kCommit}});
+}
+
 TEST(DevShare, FurtherWordsAreIgnored) {
     const Exchange exchange = converse(tool({"dev", "share", "7", "8"}), wholeTransaction());
     expectRequests(exchange, {{kStart, ""}, {kInsert, R"({"id":7,"action":"share"})"}, {kEnd, kCommit}});

@@ -74,6 +74,12 @@ TEST_F(RuleTest, TwoDashesAreAPath) {
     expectResult(exchange.tool, kIo, "", "Error loading rules from --.\n");
 }
 
+TEST_F(RuleTest, EmptyPathIsAPath) {
+    const Exchange exchange = converse(tool({"rule", "test", "-f", "", "-r", "3"}), Script());
+    expectResult(exchange.tool, kIo, "", "Error loading rules from .\n");
+    expectNoContact(exchange);
+}
+
 TEST_F(RuleTest, LastPathWins) {
     writeFile(kPath, "block\n");
     const Exchange exchange =
@@ -114,6 +120,12 @@ TEST_F(RuleTest, VerdictIsPrintedAsItIs) {
     const Script script =
         Script().reply(kStart, kReplyOk).reply(kTest, R"({"status":"ok","verdict":"%s über\nline"})");
     expectResult(converse(tool({"rule", "test", "-r", "3"}), script).tool, kOk, "%s über\nline\n", "");
+}
+
+TEST_F(RuleTest, VerdictEndsAtItsFirstNul) {
+    const Script script =
+        Script().reply(kStart, kReplyOk).reply(kTest, R"({"status":"ok","verdict":"sh\u0000are"})");
+    expectResult(converse(tool({"rule", "test", "-r", "3"}), script).tool, kOk, "sh\n", "");
 }
 
 TEST_F(RuleTest, EmptyVerdictIsAnEmptyLine) {

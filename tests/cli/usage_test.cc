@@ -21,6 +21,18 @@ TEST_P(UsageRequested, FurtherWordsDoNotMatter) {
 INSTANTIATE_TEST_SUITE_P(Words, UsageRequested, ::testing::Values("-h", "--help"),
                          [](const auto& row) { return row.param[1] == '-' ? "Long" : "Short"; });
 
+// SIGPIPE would end the tool.
+TEST(Usage, IsASuccessWithoutAReader) {
+    Command command = tool({});
+    command.words = {"-c", "read go; exec \"$0\" -h", command.path};
+    command.path = "/bin/sh";
+    command.input = Input::kOpen;
+    Process process(command);
+    process.closeOut();
+    process.type("go\n");
+    expectResult(process.wait(), kOk, "", "");
+}
+
 TEST(Usage, FollowsTheMessageOnStandardErrorWithoutWords) {
     expectResult(run(tool({})), kInvalid, "", kNoWords + usageText());
 }

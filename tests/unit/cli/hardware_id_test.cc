@@ -24,6 +24,7 @@ TEST(ValidateHwid, Table) {
         {"12::3", nullptr},
         {"12:3:", nullptr},
         {"12345", nullptr},
+        {"00001", nullptr},
         {"1:12345", nullptr},
         {"1:2:12345", nullptr},
         {"1:2:3:4", nullptr},

@@ -63,6 +63,18 @@ TEST(Options, WordsAfterACommandWithoutOptionsArePositional) {
     EXPECT_EQ(wordsOf(arguments.parse()), (std::vector<std::string>{"-3", "--", "x"}));
 }
 
+TEST(Options, CommandsWithoutOptionsLookForNone) {
+    const struct {
+        const char* first;
+        const char* second;
+    } rows[] = {{"dev", "list"},  {"dev", "unplug"}, {"dev", "share"}, {"dev", "block"}, {"conn", "list"},
+                {"rule", "load"}, {"rule", "edit"},  {"pref", "list"}, {"pref", "add"},  {"pref", "remove"}};
+    for (const auto& [first, second] : rows) {
+        Arguments arguments{"p", first, second, "--", "-p"};
+        EXPECT_EQ(wordsOf(arguments.parse()), (std::vector<std::string>{"--", "-p"})) << first << second;
+    }
+}
+
 TEST(Options, ConnDropPortAndHost) {
     Arguments arguments{"p", "conn", "drop", "-p", "70000", "h", "more"};
     const Invocation invocation = arguments.parse();
@@ -130,6 +142,7 @@ TEST(WordToNumber, ReadsAsAtoi) {
                 {"010", 10},
                 {"4294967297", 1},
                 {"2147483648", -2147483647 - 1},
+                {"9223372036854775808", -1},
                 {"99999999999999999999", -1}};
     for (const auto& [word, number] : rows) {
         EXPECT_EQ(wordToNumber(word), number) << word;
