@@ -213,6 +213,38 @@ TEST_F(RuleEdit, EmptyVisualIsNotUnset) {
     EXPECT_EQ(0U, runs());
 }
 
+TEST_F(RuleEdit, EmptyEditorIsNotUnset) {
+    (void)editor("", "vi");
+    Command command = edit("", "n");
+    command.environment.erase("VISUAL");
+    command.environment["EDITOR"] = "";
+    command.environment["PATH"] = "/tmp/bin:/usr/bin:/bin";
+    expectGivenUp(converse(command, fetch()), kTwoRulesText, kEditorTrouble, "Cannot launch editor (2).\n");
+    EXPECT_EQ(0U, runs());
+}
+
+TEST_F(RuleEdit, PlaceOfTheFileIsFixed) {
+    Command command = edit(editor("echo block > $1"));
+    command.environment["TMPDIR"] = "/tmp/bin";
+    expectSuccess(converse(command, wholeTransaction()), kOneRule);
+}
+
+TEST_F(RuleEdit, EditorRunsWhereTheToolWasStarted) {
+    const fs::path before = fs::current_path();
+    fs::current_path("/usr");
+    const Exchange exchange = converse(edit(editor("pwd > /tmp/place")), wholeTransaction());
+    fs::current_path(before);
+    expectSuccess(exchange, kTwoRules);
+    EXPECT_EQ("/usr\n", readFile("/tmp/place"));
+}
+
+// What the tool opens in the place of standard input is not for the editor.
+TEST_F(RuleEdit, EditorWithoutStandardInputHasNone) {
+    Command command = edit(editor("[ -e /proc/$$/fd/0 ] || echo block > $1"));
+    command.input = Input::kClosed;
+    expectSuccess(converse(command, wholeTransaction()), kOneRule);
+}
+
 TEST_F(RuleEdit, EditorWithArgumentsIsNotFound) {
     expectGivenUp(converse(edit(editor("") + " -w", "n"), fetch()), kTwoRulesText, kEditorTrouble,
                   "Cannot launch editor (2).\n");

@@ -125,6 +125,25 @@ TEST_F(RunEditor, ValueIsNotSplitIntoWords) {
     EXPECT_EQ(process.wait().err, "Cannot launch editor (2).\n");
 }
 
+// A script without its first line is one of the shell's, as execvp(3) has it.
+TEST_F(RunEditor, ScriptWithoutItsFirstLineIsRun) {
+    write("/tmp/rule-editor-test/bin/bare", "echo bare > /tmp/rule-editor-test/which\n");
+    ASSERT_EQ(::chmod("/tmp/rule-editor-test/bin/bare", 0700), 0);
+    const cli::Result result = cli::run(sessionWith("run", "/tmp/rule-editor-test/bin/bare"));
+    EXPECT_EQ(result.terminal, "run: true\r\n");
+    EXPECT_EQ(contentOf("/tmp/rule-editor-test/which"), "bare\n");
+}
+
+TEST_F(RunEditor, EveryStatusButZeroIsAFailure) {
+    for (const char* const status : {"1", "127", "128", "255"}) {
+        addEditor("fail", std::string("exit ") + status);
+        cli::Process process(sessionWith("run", "fail"));
+        ASSERT_TRUE(process.waitForTerminal(kRetry)) << status;
+        process.type("n\n");
+        EXPECT_EQ(count(process.wait().terminal, "run: false"), 1U) << status;
+    }
+}
+
 TEST_F(RunEditor, ProgramThatMayNotBeRun) {
     write("/tmp/rule-editor-test/bin/plain", "#!/bin/sh\n");
     cli::Process process(sessionWith("run", "/tmp/rule-editor-test/bin/plain"));
@@ -271,6 +290,27 @@ TEST_F(RunEditor, TerminalIsRestoredAfterAFailedRun) {
     EXPECT_NE(process.wait().terminal.find(std::string(kRetry) + "n\r\nrun: false\r\n"), std::string::npos);
 }
 
+TEST_F(RunEditor, TerminalIsRestoredWhereOutputGoesElsewhere) {
+    addEditor("raw", "stty raw -echo; kill -KILL $$");
+    cli::Command command = sessionWith("run", "raw");
+    command.outputToTerminal = false;
+    cli::Process process(command);
+    ASSERT_TRUE(process.waitForOut(kRetry));
+    process.type("n\n");
+    EXPECT_EQ(process.wait().terminal, "n\r\n");
+}
+
+TEST_F(RunEditor, WhatWasTypedAheadAnswersTheQuestion) {
+    ASSERT_EQ(::mkfifo("/tmp/rule-editor-test/go", 0600), 0);
+    addEditor("fail", "read word < /tmp/rule-editor-test/go; exit 3");
+    cli::Process process(sessionWith("run", "fail"));
+    process.type("n\n");
+    ASSERT_TRUE(process.waitForTerminal("n\r\n"));
+    write("/tmp/rule-editor-test/go", "go\n");
+    ASSERT_TRUE(process.waitForTerminal("run: false"));
+    EXPECT_EQ(count(process.wait().terminal, kRetry), 1U);
+}
+
 /// The mask after `name` in /proc/PID/status, without the signals that the C library keeps for itself.
 unsigned long signalMask(const std::string& status, const std::string& name) {
     const std::size_t at = status.find(name + ":\t");
@@ -287,6 +327,30 @@ TEST_F(RunEditor, EditorHasDefaultSignalsAndNoneBlocked) {
     const std::string status = contentOf("/tmp/rule-editor-test/signals");
     EXPECT_EQ(signalMask(status, "SigBlk"), 0U);
     EXPECT_EQ(signalMask(status, "SigIgn"), 0U);
+}
+
+constexpr unsigned long signalBit(int signal) {
+    return 1UL << (signal - 1);
+}
+
+TEST_F(RunEditor, SignalsThatTheParentIgnoresStayIgnored) {
+    addEditor("signals", "cat /proc/self/status > /tmp/rule-editor-test/signals");
+    cli::Command command = sessionWith("run", "signals");
+    command.path = "/usr/bin/env";
+    command.words = {"--ignore-signal=INT,QUIT,TSTP", RV_SESSION_PATH, "run", kRulesPath};
+    EXPECT_EQ(cli::run(command).terminal, "run: true\r\n") << "in the tool";
+    EXPECT_EQ(signalMask(contentOf("/tmp/rule-editor-test/signals"), "SigIgn"),
+              signalBit(SIGINT) | signalBit(SIGQUIT) | signalBit(SIGTSTP))
+        << "in the editor";
+}
+
+TEST_F(RunEditor, ToolCanBeEndedWhileTheUserEdits) {
+    addEditor("waits", "echo ready; read line");
+    cli::Process process(sessionWith("run", "waits"));
+    ASSERT_TRUE(process.waitForTerminal("ready"));
+    process.kill(SIGTERM);
+    process.type("done\n");
+    EXPECT_EQ(process.wait().signal, SIGTERM);
 }
 
 TEST_F(RunEditor, EditorInheritsNothingFromTheTool) {
@@ -614,6 +678,14 @@ TEST_F(AreYouSure, OtherAnswersAskOnceMoreEach) {
     const cli::Result result = process.wait();
     EXPECT_NE(result.terminal.find("ask: n"), std::string::npos);
     EXPECT_EQ(count(result.terminal, "Sure? "), 3U);
+}
+
+TEST_F(AreYouSure, CarriageReturnIsAnAnswer) {
+    cli::Command command = session("ask", "Sure? ");
+    command.input = cli::Input::kText;
+    command.outputToTerminal = false;
+    command.text = "\ry\n";
+    EXPECT_EQ(cli::run(command).out, "Sure? Sure? ask: y rest: \n");
 }
 
 TEST_F(AreYouSure, PromptIsNoFormat) {

@@ -155,6 +155,9 @@ TEST_F(LoadAnyFile, FailuresNameThePath) {
     EXPECT_EQ(messages.take(), "Error loading rules from /tmp/rule-file-test/loop.\n");
     EXPECT_FALSE(load_any_file("/tmp/%s%n", "%d"));
     EXPECT_EQ(messages.take(), "Error loading %d from /tmp/%s%n.\n");
+    const std::string longPath(5000, 'p');
+    EXPECT_FALSE(load_any_file(longPath.c_str(), "rules"));
+    EXPECT_EQ(messages.take(), "Error loading rules from " + longPath + ".\n");
 }
 
 /// Standard input is another file while this lives; the stream starts afresh.
@@ -275,6 +278,22 @@ TEST_F(LoadRuleFile, EmptyFileIsAnEmptySet) {
     const RuleSet rules = load_rule_file(write("rules", "").c_str());
     ASSERT_NE(rules, nullptr);
     EXPECT_EQ(*rules, "[]");
+}
+
+TEST_F(LoadRuleFile, LinksAreFollowed) {
+    (void)write("rules", "block\n");
+    ASSERT_EQ(::symlink("rules", in("link").c_str()), 0);
+    const RuleSet rules = load_rule_file(in("link").c_str());
+    ASSERT_NE(rules, nullptr);
+    EXPECT_EQ(*rules, R"([{"action":"block"}])");
+}
+
+TEST_F(LoadRuleFile, EveryByteCounts) {
+    CapturedStderr messages;
+    EXPECT_EQ(load_rule_file(write("rules", bytes("share\0bad\n")).c_str()), nullptr);
+    EXPECT_EQ(messages.take(), "Parsing error at rule #2\n") << "a NUL is no end";
+    EXPECT_EQ(load_rule_file(write("rules", "\xef\xbb\xbfshare\n").c_str()), nullptr);
+    EXPECT_EQ(messages.take(), "Parsing error at rule #1\n") << "a byte order mark is no space";
 }
 
 TEST_F(LoadRuleFile, OneMessagePerFailure) {

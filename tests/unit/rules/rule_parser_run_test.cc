@@ -42,7 +42,7 @@ TEST(RuleParserRun, OnlyTheFirstErrorIsReported) {
 TEST(RuleParserRun, WordsThatDifferFromAKeywordInTheEndAreErrors) {
     CapturedStderr messages;
     for (const char* const word :
-         {"override-namf", "override-seriam", "override-namee", "takeawaz", "built-iN"}) {
+         {"override-namf", "override-seriam", "override-namee", "override-namE", "takeawaz", "built-iN"}) {
         for (const char* const end :
              {"\n", " # far from the end of the text, which lies behind this remark\nshare\n"}) {
             EXPECT_EQ(rule_parser_run("share " + std::string(word) + " x" + end), nullptr) << word;
@@ -60,11 +60,11 @@ TEST(RuleParserRun, BlankAndCommentLinesAreNotCounted) {
 TEST(RuleParserRun, LateErrorGivesNoRules) {
     CapturedStderr messages;
     std::string text;
-    for (int rule = 0; rule < 5000; ++rule) {
+    for (int rule = 0; rule < 70000; ++rule) {
         text += "share quick # fine\n";
     }
     EXPECT_EQ(rule_parser_run(text + "share share\n"), nullptr);
-    EXPECT_EQ(messages.take(), "Parsing error at rule #5001\n");
+    EXPECT_EQ(messages.take(), "Parsing error at rule #70001\n");
 }
 
 TEST(RuleParserRun, WritesNothingToStandardOutput) {

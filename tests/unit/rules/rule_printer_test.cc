@@ -63,6 +63,7 @@ const Row kRows[] = {
     {"NotRdesk", R"("rdesk":false)", " !rdesk"},
     {"RdeskNumber", R"("rdesk":0)", " !rdesk"},
     {"RdeskString", R"("rdesk":"yes")", ""},
+    {"RdeskNull", R"("rdesk":null)", ""},
     {"RdeskIsNotPrintedBesideAHostArray", R"("rdesk":true,"host":["a"])", " host \"a\""},
     {"RdeskIsNotPrintedBesideAnEmptyHostArray", R"("rdesk":false,"host":[])", " host \"\""},
     {"RdeskIsPrintedBesideAHostString", R"("rdesk":true,"host":"a")", " rdesk"},
@@ -183,10 +184,12 @@ TEST(RulePrinter, ActionIsPrintedWhateverItSays) {
 }
 
 TEST(RulePrinter, StringsEndAtTheirFirstNul) {
-    EXPECT_EQ(printReply(reply(R"({"rules":[{"action":"sh\u0000are","name":"a\u0000b","nameMatch":"is",)"
-                               R"("host":["x\u0000y","\u0000","z"],"port":"1\u00002"}]})"),
-                         false),
-              "sh host \"x,,z\" name is \"a\" port 1\n");
+    EXPECT_EQ(
+        printReply(reply(R"({"rules":[{"action":"sh\u0000are","name":"a\u0000b","nameMatch":"is",)"
+                         R"("host":["x\u0000y","\u0000","z"],"port":"1\u00002","serial":"c\u0000d",)"
+                         R"("override-name":"\u0000e","override-serial":"f\u0000"}]})"),
+                   false),
+        "sh host \"x,,z\" name is \"a\" serial \"c\" port 1 override-name \"\" override-serial \"f\"\n");
 }
 
 TEST(RulePrinter, UnusableElementsAreCounted) {

@@ -102,6 +102,8 @@ const Row kRows[] = {
     {"NameNegated", "share ! name is a", R"({"action":"share","name":"a","nameMatch":"is","notName":true})"},
     {"NameBadMatch", "share name like a", "null"},
     {"NameMatchInCapitals", "share name IS a", "null"},
+    {"NameMatchWithMore", "share name containsx a", "null"},
+    {"NameMatchShortened", "share name contain a", "null"},
     {"NameMarkAsMatch", "share name ! is a", "null"},
     {"NameTwice", "share name is a name is a", "null"},
     {"NameTakesAMatchWord", "share name is is", R"({"action":"share","name":"is","nameMatch":"is"})"},

@@ -16,11 +16,13 @@
 #include <sys/types.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <latch>
 #include <thread>
 
@@ -100,14 +102,23 @@ void (*handlerOf(int signal))(int) {
     return ::sigaction(signal, nullptr, &now) == 0 ? now.sa_handler : SIG_ERR;
 }
 
+constexpr int kKeys[] = {SIGINT, SIGQUIT, SIGTSTP};
+
 /// What ends the tool, or stops it, must still do so after an editor has run.
-void checkDispositions() {
-    for (const int signal : {SIGINT, SIGQUIT, SIGTSTP}) {
-        if (handlerOf(signal) != SIG_DFL) {
-            std::printf("signal %d is not as it was\n", signal);
+class Dispositions {
+  public:
+    Dispositions() { std::transform(std::begin(kKeys), std::end(kKeys), before_, handlerOf); }
+    void check() const {
+        for (std::size_t key = 0; key < std::size(kKeys); ++key) {
+            if (handlerOf(kKeys[key]) != before_[key]) {
+                std::printf("signal %d is not as it was\n", kKeys[key]);
+            }
         }
     }
-}
+
+  private:
+    void (*before_[std::size(kKeys)])(int);
+};
 
 void interrupt(int) {}
 
@@ -136,6 +147,7 @@ void work(const char* what, const char* argument) {
     if (const char* const said = std::getenv("RV_SAY")) {
         (void)std::fputs(said, stdout);
     }
+    const Dispositions dispositions;
     if (std::strcmp(what, "run") == 0) {
         run(argument);
     } else if (std::strcmp(what, "edit") == 0) {
@@ -143,7 +155,7 @@ void work(const char* what, const char* argument) {
     } else {
         ask(argument);
     }
-    checkDispositions();
+    dispositions.check();
 }
 
 }  // namespace
