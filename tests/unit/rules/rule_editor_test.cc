@@ -688,6 +688,15 @@ TEST_F(AreYouSure, CarriageReturnIsAnAnswer) {
     EXPECT_EQ(cli::run(command).out, "Sure? Sure? ask: y rest: \n");
 }
 
+TEST_F(AreYouSure, EveryCharacterOfALineIsAnAnswer) {
+    cli::Process process(session("ask", "Sure? "));
+    ASSERT_TRUE(process.waitForTerminal("Sure? "));
+    process.type(" N-yes\n");
+    const cli::Result result = process.wait();
+    EXPECT_EQ(count(result.terminal, "Sure? "), 4U);
+    EXPECT_NE(result.terminal.find("ask: y rest: es\r\n"), std::string::npos) << result.terminal;
+}
+
 TEST_F(AreYouSure, PromptIsNoFormat) {
     cli::Process process(session("ask", "100%s %n? "));
     ASSERT_TRUE(process.waitForTerminal("100%s %n? "));
