@@ -58,6 +58,7 @@ void RvKQueueBPF::kevent(const struct kevent* record) noexcept {
     char* const end = rx.prepare(blockLength);
     std::size_t stored = 0;
     const auto outcome = end == nullptr ? PacketCapture::Outcome::kEnded : fd.read(end, blockLength, &stored);
+    // The capture has met an interface that is down for the first time; whether it is removed is told there.
     if (!hadLinks && fd.linkDescriptor() != -1) {
         struct kevent change;
         initFilterRecord(&change, fd.linkDescriptor(), EVFILT_READ, kArmFlags, this);

@@ -156,7 +156,6 @@ bool PacketCapture::prepare(unsigned interfaceIndex, const char* interfaceName,
 
 PacketCapture::Outcome PacketCapture::read(char* block, std::size_t blockLength,
                                            std::size_t* stored) noexcept {
-    if (linkFd != -1) dropLinkEvents(linkFd);
     std::size_t used = 0;
     for (;;) {
         const std::size_t start = captureAlign(used);
@@ -168,8 +167,10 @@ PacketCapture::Outcome PacketCapture::read(char* block, std::size_t blockLength,
     }
     *stored = used;
     if (used > 0) return Outcome::kPackets;
-    const bool isPassing = errno == EAGAIN || errno == EINTR || errno == ENETDOWN;
-    if (errno == ENETDOWN) watchLinks();
+    const int failure = errno;
+    const bool isPassing = failure == EAGAIN || failure == EINTR || failure == ENETDOWN;
+    if (linkFd != -1) dropLinkEvents(linkFd);  // before isDetached is asked: a later change is told again
+    if (failure == ENETDOWN) watchLinks();
     return isPassing && !isDetached() ? Outcome::kNothing : Outcome::kEnded;
 }
 
