@@ -282,18 +282,8 @@ TEST_F(RvKQueueBipipeClientRun, TheEndIsEventTwoUntilRetired) {
     DescriptorPair in = DescriptorPair::pipe();
     DescriptorPair out = DescriptorPair::pipe();
     const std::int32_t descriptors[2] = {in.release(0), out.release(1)};
-    Recorder recorder;
     const auto endpoint = loop->createBipipeClient(descriptors, true);
-    loop->startObject(endpoint, recorder.block());
-    writeAll(in[1], "last words");
-    in.close(1);
-    ASSERT_TRUE(recorder.waitFor(kEventClosed, 3));
-    EXPECT_EQ("last words", recorder.received());
-    loop->stopObject(endpoint);
-    waitForTurn();
-    const int afterwards = recorder.count(kEventClosed);
-    waitForTurn();
-    EXPECT_EQ(afterwards, recorder.count(kEventClosed));
+    expectEventTwoUntilRetired(endpoint, &in, 1);
 }
 
 TEST_F(RvKQueueBipipeClientRun, ClosingTheFarEndOfTheWriteSideIsEventTwoOnceThereIsOutput) {

@@ -475,18 +475,8 @@ TEST_F(RvKQueueStreamSocketRun, ADescriptorThatIsNotOpenIsEventTwo) {
 
 TEST_F(RvKQueueStreamSocketRun, ThePeersCloseIsEventTwoUntilRetired) {
     DescriptorPair pair = DescriptorPair::socketPair();
-    Recorder recorder;
     const auto endpoint = loop->createStreamSocket(pair.release(0), true);
-    loop->startObject(endpoint, recorder.block());
-    writeAll(pair[1], "last words");
-    pair.close(1);
-    ASSERT_TRUE(recorder.waitFor(kEventClosed, 3));
-    EXPECT_EQ("last words", recorder.received());
-    loop->stopObject(endpoint);
-    waitForTurn();
-    const int afterwards = recorder.count(kEventClosed);
-    waitForTurn();
-    EXPECT_EQ(afterwards, recorder.count(kEventClosed));
+    expectEventTwoUntilRetired(endpoint, &pair, 1);
 }
 
 TEST_F(RvKQueueStreamSocketRun, AHalfClosedPeerStillGetsOutput) {

@@ -112,12 +112,7 @@ TEST_F(RvKQueueTCPClientConnect, WhatFailsAtCreationIsStoppedFirst) {
     broadcast.sin_addr.s_addr = htonl(INADDR_BROADCAST);
     waitForTurn();  // its thread has no more to say
     EXPECT_FALSE(loop->createTCPClient(asSockaddr(broadcast)));
-    const auto lines = capturedLog();
-    ASSERT_GE(lines.size(), 2u);
-    const LogLine& stopped = lines[lines.size() - 2];
-    EXPECT_EQ(LogLevel::kDebug, stopped.level);
-    EXPECT_TRUE(stopped.text.starts_with("<0x") && stopped.text.ends_with(">: stop")) << stopped.text;
-    EXPECT_EQ(kFailure, lines.back().text);
+    expectLoggedStopAndThen(kFailure);
 }
 
 TEST_F(RvKQueueTCPClientConnect, AnUnknownFamilyFailsAtCreation) {

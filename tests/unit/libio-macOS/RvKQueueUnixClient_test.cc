@@ -182,12 +182,7 @@ TEST_F(RvKQueueUnixClientConnect, APathOf104BytesFailsAtCreation) {
 TEST_F(RvKQueueUnixClientConnect, WhatFailsAtCreationIsStoppedFirst) {
     waitForTurn();  // its thread has no more to say
     EXPECT_FALSE(loop->createUnixClient(directory.pathOfLength(104).c_str()));
-    const auto lines = capturedLog();
-    ASSERT_GE(lines.size(), 2u);
-    const LogLine& stopped = lines[lines.size() - 2];
-    EXPECT_EQ(LogLevel::kDebug, stopped.level);
-    EXPECT_TRUE(stopped.text.starts_with("<0x") && stopped.text.ends_with(">: stop")) << stopped.text;
-    EXPECT_EQ(kFailure, lines.back().text);
+    expectLoggedStopAndThen(kFailure);
 }
 
 TEST_F(RvKQueueUnixClientConnect, OutputQueuedBeforehandIsSent) {

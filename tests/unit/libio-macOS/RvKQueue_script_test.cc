@@ -24,6 +24,19 @@ struct kevent record(std::uint64_t ident, int filter, int flags, const void* uda
             data,  const_cast<void*>(udata)};
 }
 
+/// An endpoint of each kind that has an input and an output, with descriptors that it does not own.
+struct Borrowers {
+    explicit Borrowers(const std::shared_ptr<RvKQueue>& loop) {
+        const int both[] = {forPair[0], forPair[1]};
+        endpoints[0] = loop->createStreamSocket(forSocket[0], false);
+        endpoints[1] = loop->createBipipeClient(both, false);
+    }
+
+    DescriptorPair forSocket = DescriptorPair::socketPair();
+    DescriptorPair forPair = DescriptorPair::socketPair();
+    std::shared_ptr<RvKQueueEventProtocol> endpoints[2];
+};
+
 class RvKQueueScript : public EngineTest {
   protected:
     void SetUp() override {
@@ -428,12 +441,8 @@ TEST_F(RvKQueueScript, ADescriptorHandedToANewEndpointKeepsItsFilters) {
 }
 
 TEST_F(RvKQueueScript, WhatIsStoppedAndNotOwnedLosesItsReadFilterAndThenItsWriteFilter) {
-    DescriptorPair forSocket = DescriptorPair::socketPair();
-    DescriptorPair forPair = DescriptorPair::socketPair();
-    const int both[] = {forPair[0], forPair[1]};
-    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {loop->createStreamSocket(forSocket[0], false),
-                                                                loop->createBipipeClient(both, false)};
-    for (const auto& endpoint : endpoints) {
+    const Borrowers borrowers(loop);
+    for (const auto& endpoint : borrowers.endpoints) {
         Recorder recorder;
         loop->startObject(endpoint, recorder.block());
         loop->stopObject(endpoint);
@@ -447,9 +456,9 @@ TEST_F(RvKQueueScript, WhatIsStoppedAndNotOwnedLosesItsReadFilterAndThenItsWrite
         }
         EXPECT_EQ((std::vector<int>{EVFILT_READ, EVFILT_WRITE}), filters);
     }
-    EXPECT_TRUE(isOpen(forSocket[0]));
-    EXPECT_TRUE(isOpen(forPair[0]));
-    EXPECT_TRUE(isOpen(forPair[1]));
+    EXPECT_TRUE(isOpen(borrowers.forSocket[0]));
+    EXPECT_TRUE(isOpen(borrowers.forPair[0]));
+    EXPECT_TRUE(isOpen(borrowers.forPair[1]));
 }
 
 TEST_F(RvKQueueScript, WhatIsStoppedLetsGoOfItsFilterAndItsBlock) {
@@ -484,12 +493,8 @@ TEST_F(RvKQueueScript, WhatIsStoppedLetsGoOfItsFilterAndItsBlock) {
 }
 
 TEST_F(RvKQueueScript, AWriteOfNoBytesArmsNothing) {
-    DescriptorPair forSocket = DescriptorPair::socketPair();
-    DescriptorPair forPair = DescriptorPair::socketPair();
-    const int both[] = {forPair[0], forPair[0]};
-    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {loop->createStreamSocket(forSocket[0], false),
-                                                                loop->createBipipeClient(both, false)};
-    for (const auto& endpoint : endpoints) {
+    const Borrowers borrowers(loop);
+    for (const auto& endpoint : borrowers.endpoints) {
         EXPECT_TRUE(loop->write(endpoint, "x", 0));
         EXPECT_TRUE(loop->write(endpoint, "x", 1));
         ASSERT_TRUE(scripted_kernel::waitForChange(
@@ -509,12 +514,8 @@ TEST_F(RvKQueueScript, TheWriteFilterOfASocketWithNothingToSendIsDisarmed) {
 }
 
 TEST_F(RvKQueueScript, EventZeroComesBeforeTheReadFilterIsArmed) {
-    DescriptorPair forSocket = DescriptorPair::socketPair();
-    DescriptorPair forPair = DescriptorPair::socketPair();
-    const int both[] = {forPair[0], forPair[0]};
-    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {loop->createStreamSocket(forSocket[0], false),
-                                                                loop->createBipipeClient(both, false)};
-    for (const auto& endpoint : endpoints) {
+    const Borrowers borrowers(loop);
+    for (const auto& endpoint : borrowers.endpoints) {
         int armedBefore = -1;
         loop->startObject(endpoint, Recorder().block([&](const RecordedEvent&, std::uint64_t*) {
             waitForTurn();  // what had been submitted would have gone out
@@ -528,12 +529,8 @@ TEST_F(RvKQueueScript, EventZeroComesBeforeTheReadFilterIsArmed) {
 }
 
 TEST_F(RvKQueueScript, TheWriteFilterIsDisarmedOnceAllHasLeft) {
-    DescriptorPair forSocket = DescriptorPair::socketPair();
-    DescriptorPair forPair = DescriptorPair::socketPair();
-    const int both[] = {forPair[0], forPair[0]};
-    const std::shared_ptr<RvKQueueEventProtocol> endpoints[] = {loop->createStreamSocket(forSocket[0], false),
-                                                                loop->createBipipeClient(both, false)};
-    for (const auto& endpoint : endpoints) {
+    const Borrowers borrowers(loop);
+    for (const auto& endpoint : borrowers.endpoints) {
         Recorder recorder;
         loop->startObject(endpoint, recorder.block());
         EXPECT_TRUE(loop->write(endpoint, "12345", 5));

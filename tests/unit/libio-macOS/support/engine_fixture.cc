@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -139,6 +140,44 @@ void EngineTest::waitForTurn() {
         loop->stopObject(probe);
         ASSERT_TRUE(waitUntil([&] { return probe->stops == 1; }));
     }
+}
+
+void EngineTest::expectEventTwoUntilRetired(const std::shared_ptr<RvKQueueEventProtocol>& endpoint,
+                                            DescriptorPair* peer, int end) {
+    Recorder recorder;
+    loop->startObject(endpoint, recorder.block());
+    writeAll((*peer)[end], "last words");
+    peer->close(end);
+    EXPECT_TRUE(recorder.waitFor(kEventClosed, 3));
+    EXPECT_EQ("last words", recorder.received());
+    loop->stopObject(endpoint);
+    waitForTurn();
+    const int afterwards = recorder.count(kEventClosed);
+    waitForTurn();
+    EXPECT_EQ(afterwards, recorder.count(kEventClosed));
+}
+
+void EngineTest::expectOtherFiltersAreIgnored(RvKQueueEventProtocol* listener, struct kevent record) {
+    struct pollfd waiting = {static_cast<int>(record.ident), POLLIN, 0};
+    ASSERT_TRUE(waitUntil([&] { return poll(&waiting, 1, 0) == 1; }));
+    waitForTurn();
+    const std::size_t linesBefore = capturedLog().size();
+    record.filter = EVFILT_WRITE;
+    listener->kevent(&record);
+    record.filter = EVFILT_TIMER;
+    record.flags |= EV_ERROR;
+    listener->kevent(&record);
+    EXPECT_EQ(1, poll(&waiting, 1, 0));  // nobody has accepted
+    EXPECT_EQ(linesBefore, capturedLog().size());
+}
+
+void EngineTest::expectLoggedStopAndThen(const char* failure) {
+    const auto lines = capturedLog();
+    ASSERT_GE(lines.size(), 2u);
+    const LogLine& stopped = lines[lines.size() - 2];
+    EXPECT_EQ(LogLevel::kDebug, stopped.level);
+    EXPECT_TRUE(stopped.text.starts_with("<0x") && stopped.text.ends_with(">: stop")) << stopped.text;
+    EXPECT_EQ(failure, lines.back().text);
 }
 
 void IdleLoopTest::SetUp() {

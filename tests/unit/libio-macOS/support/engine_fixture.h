@@ -70,7 +70,7 @@ int openDescriptorCount();
 /// Reads until that many bytes or the end; blocks.
 std::string readExactly(int descriptor, std::size_t count);
 void writeAll(int descriptor, const std::string& bytes);
-/// Bytes in which an error of order, a gap or a repetition shows.
+/// Bytes in which an error of order, a gap or a repetition shows; they begin again after 65,521 of them.
 std::string patternBytes(std::size_t count, unsigned seed);
 
 /// 127.0.0.1 with this port.
@@ -89,6 +89,16 @@ class EngineTest : public testing::Test {
     void stopLoop();
     /// Returns once the I/O thread has begun and ended a turn after this call: what was asked for is done.
     void waitForTurn();
+
+    /// Starts the endpoint, writes to its peer, closes that: event 2 comes again and again, and no more once
+    /// the endpoint is retired. Uses up peer[end].
+    void expectEventTwoUntilRetired(const std::shared_ptr<RvKQueueEventProtocol>& endpoint,
+                                    DescriptorPair* peer, int end);
+    /// Hands a listener that a connection waits for, or soon will, its record under filters that are not its
+    /// own.
+    void expectOtherFiltersAreIgnored(RvKQueueEventProtocol* listener, struct kevent record);
+    /// That the log ends with an endpoint's stop and then this failure.
+    static void expectLoggedStopAndThen(const char* failure);
 
     std::shared_ptr<RvKQueue> loop;
 };
