@@ -156,7 +156,7 @@ TEST_F(ParseProtocolBuffer, EachFrameGoesToTheCallbackOfItsMoment) {
 
 // ---- Requests and connection events: a client on a running loop, against a daemon.
 
-/// A started client; the loop is stopped at the end, which takes a second.
+/// A started client, of which the case may let go; the loop is stopped at the end, which takes a second.
 class Running {
   public:
     explicit Running(Log& log, bool observeConnection = true) {
@@ -169,7 +169,9 @@ class Running {
         client->start();
     }
     ~Running() {
-        client->stop();
+        if (client) {
+            client->stop();
+        }
         loop->stop();
     }
     Running(const Running&) = delete;
@@ -404,21 +406,18 @@ TEST(Client, StopDropsTheCallbacks) {
 TEST(Client, StopLetsGoOfTheConnectionAndTheClient) {
     fake::FakeDaemon daemon{fake::Script()};
     Log log;
-    const std::shared_ptr<RvKQueue> loop = RvKQueue::initWithSubsystem(kSubsystem);
-    std::shared_ptr<RvTetherIPCClient> client = RvTetherIPCClient::initWithKQueue(loop);
-    observe(*client, log);
-    loop->start();
-    client->start();
-    ASSERT_TRUE(log.waitFor("connected"));
-    client->stop();
-    client->getDeviceList();
-    const std::weak_ptr<RvTetherIPCClient> kept = std::exchange(client, nullptr);
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!kept.expired() && std::chrono::steady_clock::now() < limit) {
-        std::this_thread::yield();
+    {
+        Running running(log);
+        ASSERT_TRUE(log.waitFor("connected"));
+        running.client->stop();
+        running.client->getDeviceList();
+        const std::weak_ptr<RvTetherIPCClient> kept = std::exchange(running.client, nullptr);
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!kept.expired() && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+        }
+        EXPECT_TRUE(kept.expired());
     }
-    EXPECT_TRUE(kept.expired());
-    loop->stop();
     daemon.finish();
     EXPECT_TRUE(daemon.requests().empty());
     EXPECT_EQ(log.entries(), (std::vector<std::string>{"connected"}));
@@ -427,20 +426,14 @@ TEST(Client, StopLetsGoOfTheConnectionAndTheClient) {
 TEST(Client, IsKeptByItsConnection) {
     fake::FakeDaemon daemon{fake::Script().hold().sendFrame(12, "{}").hold()};
     Log log;
-    const std::shared_ptr<RvKQueue> loop = RvKQueue::initWithSubsystem(kSubsystem);
-    std::shared_ptr<RvTetherIPCClient> client = RvTetherIPCClient::initWithKQueue(loop);
-    observe(*client, log);
-    loop->start();
-    client->start();
+    Running running(log);
     ASSERT_TRUE(log.waitFor("connected"));
-    const std::weak_ptr<RvTetherIPCClient> kept = std::exchange(client, nullptr);
+    const std::weak_ptr<RvTetherIPCClient> kept = std::exchange(running.client, nullptr);
     ASSERT_TRUE(daemon.waitForHold(1));
     daemon.release();
     EXPECT_TRUE(log.waitFor("12"));
-    client = kept.lock();
-    ASSERT_TRUE(client);
-    client->stop();
-    loop->stop();
+    running.client = kept.lock();
+    EXPECT_TRUE(running.client);
 }
 
 TEST(Client, MayOutliveItsLoop) {
